@@ -1,0 +1,41 @@
+# Settings and warnings as interface targets; every target of ours links maintenance_settings.
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+    set(CMAKE_BUILD_TYPE Release)
+endif()
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+option(MAINTENANCE_WERROR "Treat warnings as errors" OFF)
+option(MAINTENANCE_SANITIZE "Build with the address and undefined-behaviour sanitizers" OFF)
+
+add_library(maintenance_warnings INTERFACE)
+target_compile_options(maintenance_warnings INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
+    -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align -Wcast-qual -Wformat=2 -Wundef
+    $<$<BOOL:${MAINTENANCE_WERROR}>:-Werror>)
+
+# Hardening of the release build; the sanitizers bring their own checks and clash with fortify.
+add_library(maintenance_hardening INTERFACE)
+if(NOT MAINTENANCE_SANITIZE)
+    target_compile_options(maintenance_hardening INTERFACE
+        -fstack-protector-strong
+        $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
+        $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+endif()
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+    target_link_options(maintenance_hardening INTERFACE
+        -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+endif()
+
+add_library(maintenance_settings INTERFACE)
+target_compile_features(maintenance_settings INTERFACE cxx_std_20)
+target_link_libraries(maintenance_settings INTERFACE maintenance_warnings maintenance_hardening)
+if(MAINTENANCE_SANITIZE)
+    target_compile_options(maintenance_settings INTERFACE
+        -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(maintenance_settings INTERFACE -fsanitize=address,undefined)
+endif()
+
+include(CheckPIESupported)
+check_pie_supported()

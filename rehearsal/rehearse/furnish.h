@@ -1,0 +1,21 @@
+#pragma once
+
+#include "common/files.h"
+#include "rehearse/mounts.h"
+
+/// The stand-ins that are copied into the root, opened before the machine's files are out of sight.
+struct StandIns {
+    OwnedFd pkgutil;
+    OwnedFd installer;
+};
+
+/// Opens the stand-ins in the directory of this program; throws Failure 125 "cannot open PATH: reason".
+StandIns openStandIns();
+
+/// Writes everything into the root that is not there on the machine: accounts, homes, the directories for all
+/// users, receipts, logs, the console account and the stand-ins. Throws Failure 125.
+///
+/// root      prepared and not yet entered
+/// standIns  borrowed
+/// console   user id in decimal digits, "none" or "absent"
+void furnish(const Root& root, const StandIns& standIns, const std::string& console);

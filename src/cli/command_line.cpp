@@ -1,0 +1,122 @@
+#include "cli/command_line.h"
+
+#include "cli/process.h"
+#include "fs/fixed_directory.h"
+#include "inventory/inspect.h"
+#include "plan/begin_install.h"
+#include "plan/descriptor.h"
+#include "transaction/commit.h"
+#include "transaction/prepare.h"
+#include "transaction/rollback.h"
+#include "uninstall/uninstall.h"
+#include "validate/identifiers.h"
+#include "validate/invalid.h"
+
+#include <array>
+#include <exception>
+#include <fcntl.h>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <vector>
+
+namespace maintenance {
+
+namespace {
+
+enum ExitStatus : int { Success = 0, Usage = 64, Rejected = 65, NoDescriptor = 66, Internal = 70 };
+
+/// A descriptor that is not where it has to be; ends with a status of its own.
+class DescriptorNotLocated : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+constexpr std::array<std::string_view, 5> descriptorCommands = {"inspect", "prepare-move", "commit-move",
+                                                                "rollback-move", "uninstall-product"};
+
+bool isScope(std::string_view word) { return word == "user" || word == "system"; }
+
+bool isDescriptorCommand(std::string_view word)
+{
+    for (const std::string_view command : descriptorCommands)
+        if (word == command)
+            return true;
+    return false;
+}
+
+/// Tells whether the words, the program's name first, are one of the six command forms.
+bool isCommandLine(const std::vector<std::string>& words)
+{
+    if (words.size() == 3)
+        return words[1] == "begin-install" && isScope(words[2]);
+    return words.size() == 4 && isDescriptorCommand(words[1]) && isScope(words[2]) && safeId(words[3]);
+}
+
+/// Requires the inbox to be reached from the scope root through real directories, and the named descriptor
+/// to be a single-linked regular file in it.
+void locateDescriptor(const std::string& scope, const std::string& id)
+{
+    const FixedPlace place = descriptorPlace(scope, id);
+    const OwnedFd inbox = walkFixedDirectory(scope, parentOf(place.relative));
+    if (!inbox)
+        throw DescriptorNotLocated("maintenance descriptor directory is missing or unsafe");
+    struct stat status{};
+    if (::fstatat(inbox.get(), nameOf(place.relative).c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISREG(status.st_mode) || status.st_nlink != 1)
+        throw DescriptorNotLocated("maintenance descriptor is missing or unsafe");
+}
+
+Descriptor loadDescriptor(const std::string& scope, const std::string& id)
+{
+    locateDescriptor(scope, id);
+    Descriptor descriptor = parse(scope, id);
+    validateLayout(descriptor.targetScope);
+    if (descriptor.sourceScope != "none")
+        validateLayout(descriptor.sourceScope);
+    return descriptor;
+}
+
+void runDescriptorCommand(const std::string& command, const Descriptor& descriptor)
+{
+    if (command == "inspect")
+        writeResult(inspect(descriptor));
+    else if (command == "prepare-move")
+        prepare(descriptor);
+    else if (command == "commit-move")
+        commit(descriptor);
+    else if (command == "rollback-move")
+        rollback(descriptor);
+    else
+        uninstall(descriptor);
+}
+
+int report(std::string_view message, ExitStatus status)
+{
+    writeMessage(message);
+    return status;
+}
+
+} // namespace
+
+int runCommandLine(int argumentCount, char** arguments)
+{
+    try {
+        const std::vector<std::string> words(arguments, arguments + argumentCount);
+        if (!isCommandLine(words))
+            return Usage;
+        if (words.size() == 3)
+            writeResult(beginInstall(words[2]) + "\n");
+        else
+            runDescriptorCommand(words[1], loadDescriptor(words[2], words[3]));
+        return Success;
+    } catch (const Invalid& error) {
+        return report(error.what(), Rejected);
+    } catch (const DescriptorNotLocated& error) {
+        return report(error.what(), NoDescriptor);
+    } catch (const std::exception& error) {
+        return report(error.what(), Internal);
+    }
+}
+
+} // namespace maintenance

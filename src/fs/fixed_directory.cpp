@@ -1,0 +1,126 @@
+#include "fs/fixed_directory.h"
+
+#include "fs/owner_power.h"
+#include "platform/durable_sync.h"
+#include "validate/invalid.h"
+#include "validate/text_fields.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <vector>
+
+namespace maintenance {
+
+namespace {
+
+constexpr int directoryFlags = O_RDONLY | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC;
+constexpr mode_t createdDirectoryMode = 0755;
+
+std::vector<std::string> components(std::string_view relativePath)
+{
+    return relativePath.empty() ? std::vector<std::string>() : split(relativePath, '/');
+}
+
+bool isPlainName(const std::string& component)
+{
+    return !component.empty() && component != "." && component != ".." &&
+           component.find('\0') == std::string::npos;
+}
+
+/// Makes one missing component and opens it, owned by the scope's owner and durable.
+OwnedFd createComponent(const OwnedFd& parent, const std::string& name, const std::string& scope)
+{
+    const uid_t owner = scopeOwner(scope);
+    const int made = withOwnersPower(parent.get(), owner, [&] {
+        return ::mkdirat(parent.get(), name.c_str(), createdDirectoryMode);
+    });
+    if (made != 0 && errno != EEXIST)
+        throw Invalid("cannot create fixed maintenance directory");
+    OwnedFd created = walkOneDirectory(parent.get(), name);
+    if (!created)
+        throw Invalid("fixed maintenance directory is missing or redirected");
+    assignCreatedOwner(parent.get(), created.get(), scope);
+    if (!synchronize(parent.get(), Durability::Copy))
+        throw Invalid("cannot create fixed maintenance directory");
+    return created;
+}
+
+} // namespace
+
+OwnedFd openFixedDirectory(const std::string& scope, std::string_view relativePath, bool create, bool check)
+{
+    OwnedFd current(::open(scopeRoot(scope).c_str(), directoryFlags));
+    if (!current)
+        throw Invalid("scope root is missing or unsafe");
+    if (check)
+        checkDirectory(current.get(), scope);
+    for (const std::string& name : components(relativePath)) {
+        OwnedFd next = walkOneDirectory(current.get(), name);
+        if (!next && !(create && errno == ENOENT))
+            throw Invalid("fixed maintenance directory is missing or redirected");
+        if (!next)
+            next = createComponent(current, name, scope);
+        if (check)
+            checkDirectory(next.get(), scope);
+        current = std::move(next);
+    }
+    return current;
+}
+
+OwnedFd walkOneDirectory(int parent, const std::string& name)
+{
+    if (!isPlainName(name)) {
+        errno = EINVAL;
+        return OwnedFd();
+    }
+    return OwnedFd(::openat(parent, name.c_str(), directoryFlags));
+}
+
+OwnedFd walkFixedDirectory(const std::string& scope, std::string_view relativePath)
+{
+    OwnedFd current(::open(scopeRoot(scope).c_str(), directoryFlags));
+    for (const std::string& name : components(relativePath)) {
+        if (!current)
+            break;
+        current = walkOneDirectory(current.get(), name);
+    }
+    return current;
+}
+
+void checkDirectory(int descriptor, const std::string& scope)
+{
+    struct stat status{};
+    constexpr mode_t examined = S_IFMT | S_IWGRP | S_IWOTH;
+    if (::fstat(descriptor, &status) != 0 || (status.st_mode & examined) != S_IFDIR)
+        throw Invalid("maintenance directory ownership or mode is unsafe");
+    if (status.st_uid != scopeOwner(scope))
+        throw Invalid("maintenance directory ownership is unsafe");
+}
+
+void assignCreatedOwner(int directory, int descriptor, const std::string& scope)
+{
+    const uid_t owner = scopeOwner(scope);
+    if (owner == ::getuid())
+        return;
+    struct stat status{};
+    if (::fstat(descriptor, &status) == 0 && status.st_uid == owner)
+        return;
+    const int given = withOwnersPower(directory, owner, [&] {
+        return ::fchown(descriptor, owner, static_cast<gid_t>(-1));
+    });
+    if (given != 0)
+        throw Invalid("cannot assign fixed maintenance ownership");
+}
+
+std::string_view parentOf(std::string_view relativePath)
+{
+    const std::size_t slash = relativePath.rfind('/');
+    return slash == std::string_view::npos ? std::string_view() : relativePath.substr(0, slash);
+}
+
+std::string nameOf(std::string_view relativePath)
+{
+    return std::string(relativePath.substr(relativePath.rfind('/') + 1));
+}
+
+} // namespace maintenance

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <functional>
+#include <sys/types.h>
+
+namespace maintenance {
+
+/// Runs `call`, one system call inside the open directory `directory`, with the effective user id of
+/// `owner` when this process is root and `owner` could do the same without it: the directory belongs to
+/// that account and the account may write to it. What such a call creates is rightly owned from its first
+/// moment, and a link planted for root finds no root. Otherwise the call keeps the process's own power.
+///
+/// directory  borrowed
+/// returns    what `call` returned, errno as it left it
+/// throws     std::system_error when the account's power cannot be taken on. If root's power cannot be
+///            taken back, the process says so and ends with status 70.
+int withOwnersPower(int directory, uid_t owner, const std::function<int()>& call);
+
+} // namespace maintenance

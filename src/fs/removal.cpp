@@ -1,0 +1,74 @@
+#include "fs/removal.h"
+
+#include "fs/directory_entries.h"
+#include "fs/fixed_directory.h"
+#include "fs/owner_power.h"
+#include "platform/durable_sync.h"
+#include "validate/invalid.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace maintenance {
+
+namespace {
+
+bool unlinkAsOwner(const std::string& scope, int directory, const std::string& name, int flags)
+{
+    return withOwnersPower(directory, scopeOwner(scope),
+                           [&] { return ::unlinkat(directory, name.c_str(), flags); }) == 0;
+}
+
+void removeDirectoryAt(const std::string& scope, int parent, const std::string& name)
+{
+    const OwnedFd directory = walkOneDirectory(parent, name);
+    if (!directory)
+        throw Invalid("fixed mutation directory was redirected");
+    const auto entries = directoryEntries(directory.get());
+    if (!entries)
+        throw Invalid("cannot enumerate fixed mutation directory");
+    for (const std::string& entry : *entries)
+        removeTreeAt(scope, directory.get(), entry);
+    if (!unlinkAsOwner(scope, parent, name, AT_REMOVEDIR))
+        throw Invalid("cannot remove fixed metadata directory");
+}
+
+} // namespace
+
+void removeTreeAt(const std::string& scope, int directory, const std::string& name)
+{
+    struct stat status{};
+    if (::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (errno == ENOENT)
+            return;
+        throw Invalid("fixed mutation target changed");
+    }
+    if (S_ISLNK(status.st_mode))
+        throw Invalid("fixed mutation target was redirected");
+    if (S_ISREG(status.st_mode)) {
+        if (status.st_nlink != 1 || !unlinkAsOwner(scope, directory, name, 0))
+            throw Invalid("cannot remove unsafe fixed metadata file");
+        return;
+    }
+    if (!S_ISDIR(status.st_mode))
+        throw Invalid("fixed mutation target has a foreign file type");
+    removeDirectoryAt(scope, directory, name);
+}
+
+void removeFixed(const FixedPlace& place)
+{
+    const OwnedFd parent = openFixedDirectory(place.scope, parentOf(place.relative), false, true);
+    removeTreeAt(place.scope, parent.get(), nameOf(place.relative));
+    if (!synchronize(parent.get(), Durability::Record))
+        throw std::runtime_error("cannot synchronize fixed metadata directory");
+}
+
+void removeFixedPath(const std::filesystem::path& path)
+{
+    const auto place = fixedLocation(path);
+    if (!place)
+        throw Invalid("mutation path is outside a fixed scope");
+    removeFixed(*place);
+}
+
+} // namespace maintenance

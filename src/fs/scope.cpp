@@ -1,0 +1,87 @@
+#include "fs/scope.h"
+
+#include "platform/console_account.h"
+#include "validate/invalid.h"
+
+#include <algorithm>
+#include <limits>
+#include <pwd.h>
+#include <unistd.h>
+#include <vector>
+
+namespace maintenance {
+
+uid_t invokingAccountUid()
+{
+    const uid_t realUid = ::getuid();
+    if (realUid != 0)
+        return realUid;
+
+    // Half a run for one account and half for another would leave neither of them whole.
+    static std::optional<uid_t> firstAnswer;
+    const std::optional<uid_t> answer = consoleAccountUid();
+    const bool usable = answer && *answer != 0 && *answer != std::numeric_limits<uid_t>::max();
+    if (!usable || (firstAnswer && *firstAnswer != *answer))
+        throw Invalid("cannot resolve the invoking console account");
+    firstAnswer = answer;
+    return *answer;
+}
+
+std::string invokingHome()
+{
+    const uid_t uid = invokingAccountUid();
+    constexpr long smallestBuffer = 1024;
+    const long suggested = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(static_cast<std::size_t>(std::max(suggested, smallestBuffer)), '\0');
+    passwd record{};
+    passwd* found = nullptr;
+    const int failure = ::getpwuid_r(uid, &record, buffer.data(), buffer.size(), &found);
+    if (failure != 0 || found == nullptr || found->pw_dir == nullptr || *found->pw_dir == '\0')
+        throw Invalid("cannot resolve the invoking account home");
+    return found->pw_dir;
+}
+
+std::string scopeRoot(const std::string& scope) { return scope == "user" ? invokingHome() : "/"; }
+
+uid_t scopeOwner(const std::string& scope) { return scope == "user" ? invokingAccountUid() : 0; }
+
+std::string oppositeScope(const std::string& scope) { return scope == "user" ? "system" : "user"; }
+
+std::filesystem::path absolutePath(const FixedPlace& place)
+{
+    return std::filesystem::path(scopeRoot(place.scope)) / place.relative;
+}
+
+FixedPlace below(const FixedPlace& place, std::string_view name)
+{
+    return {place.scope, (std::filesystem::path(place.relative) / name).native()};
+}
+
+std::filesystem::path maintenanceRoot(const std::string& scope)
+{
+    return std::filesystem::path(scopeRoot(scope)) / maintenanceDirectory;
+}
+
+std::filesystem::path activePath(const std::string& scope)
+{
+    return maintenanceRoot(scope) / "ActiveTransaction";
+}
+
+FixedPlace placeInScope(const std::string& scope, const std::filesystem::path& path)
+{
+    return {scope, path.lexically_relative(scopeRoot(scope)).native()};
+}
+
+std::optional<FixedPlace> fixedLocation(const std::filesystem::path& path)
+{
+    const std::filesystem::path normal = path.lexically_normal();
+    if (normal.native().starts_with("/Library/"))
+        return FixedPlace{"system", normal.lexically_relative("/").native()};
+    std::string relative = normal.lexically_relative(invokingHome()).native();
+    // An identical path's relative form is ".", which names no place below the home.
+    if (relative.empty() || relative == "." || relative.starts_with(".."))
+        return std::nullopt;
+    return FixedPlace{"user", std::move(relative)};
+}
+
+} // namespace maintenance

@@ -1,0 +1,247 @@
+#include "plan/descriptor.h"
+
+#include "fs/fixed_directory.h"
+#include "fs/fixed_file.h"
+#include "fs/sha256.h"
+#include "validate/identifiers.h"
+#include "validate/invalid.h"
+#include "validate/owned_path.h"
+#include "validate/text_fields.h"
+
+#include <algorithm>
+#include <array>
+#include <map>
+#include <set>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace maintenance {
+
+namespace {
+
+constexpr std::string_view descriptorSchema = "tamarind.pelican.macos-maintenance.v2";
+constexpr std::size_t longestLine = 8192;
+constexpr std::array<std::string_view, 6> scalarKeys = {"schema",      "sku",         "packageRevision",
+                                                        "sourceScope", "targetScope", "decision"};
+constexpr std::array<const char*, 5> layout = {"Inbox", "Transactions", "Products", "NativeReceipts",
+                                               "Completed"};
+
+[[noreturn]] void refuse(const char* reason) { throw Invalid(std::string("maintenance descriptor ") + reason); }
+
+/// What the lines of a descriptor have given so far.
+struct DescriptorReader {
+    Descriptor descriptor;
+    std::map<std::string, std::string, std::less<>> scalars;
+    std::unordered_set<std::string> productIds;
+    std::unordered_set<std::string> paths;
+};
+
+bool isScalarKey(std::string_view key)
+{
+    return std::find(scalarKeys.begin(), scalarKeys.end(), key) != scalarKeys.end();
+}
+
+void readProduct(DescriptorReader& reader, std::string_view value)
+{
+    const std::vector<std::string> fields = split(value, '\t');
+    const bool valid = fields.size() == 3 && safeId(fields[0]) &&
+                       (fields[1] == "-" || safeVersion(fields[1])) && safeVersion(fields[2]) &&
+                       reader.productIds.insert(fields[0]).second;
+    if (!valid)
+        refuse("has an invalid product");
+    reader.descriptor.products.push_back({fields[0], fields[1], fields[2]});
+}
+
+void readTarget(DescriptorReader& reader, std::string_view value)
+{
+    const std::vector<std::string> fields = split(value, '\t');
+    if (fields.size() != 5)
+        refuse("has an invalid target file");
+    std::string path = safeRelative(fields[3]);
+    if (!safeVersion(fields[2]) || !isDigest(fields[4]) || !reader.paths.insert(path).second)
+        refuse("has an invalid or duplicate file");
+    reader.descriptor.files.push_back({fields[0], fields[1], fields[2], fields[4], std::move(path)});
+}
+
+void readLine(DescriptorReader& reader, std::string_view text)
+{
+    if (text.empty() || text.size() > longestLine)
+        refuse("contains an invalid line");
+    const auto line = splitKeyValue(text);
+    if (!line)
+        refuse("contains an invalid field");
+    if (isScalarKey(line->key)) {
+        if (!reader.scalars.emplace(line->key, line->value).second)
+            refuse("repeats a field");
+    } else if (line->key == "product") {
+        readProduct(reader, line->value);
+    } else if (line->key == "target") {
+        readTarget(reader, line->value);
+    } else {
+        refuse("contains an unknown field");
+    }
+}
+
+bool isScope(std::string_view text) { return text == "user" || text == "system"; }
+
+bool isDecision(std::string_view text) { return text == "none" || text == "adopt" || text == "replace"; }
+
+void takeBinding(DescriptorReader& reader, const std::string& scope)
+{
+    if (reader.scalars.size() != scalarKeys.size())
+        refuse("is incomplete");
+    Descriptor& descriptor = reader.descriptor;
+    descriptor.sku = reader.scalars["sku"];
+    descriptor.packageRevision = reader.scalars["packageRevision"];
+    descriptor.sourceScope = reader.scalars["sourceScope"];
+    descriptor.targetScope = reader.scalars["targetScope"];
+    descriptor.decision = reader.scalars["decision"];
+    const bool valid = reader.scalars["schema"] == descriptorSchema && safeId(descriptor.sku) &&
+                       isRevision(descriptor.packageRevision) && descriptor.targetScope == scope &&
+                       (descriptor.sourceScope == "none" || isScope(descriptor.sourceScope)) &&
+                       descriptor.sourceScope != descriptor.targetScope && isDecision(descriptor.decision);
+    if (!valid)
+        refuse("binding is invalid");
+}
+
+void requireCommonFile(const File& file, const std::string& revision)
+{
+    if (file.packageId != commonPackageId || !isRevision(file.version))
+        refuse("has an invalid common component");
+    if (file.version != revision)
+        refuse("has an inconsistent common revision");
+}
+
+void requireProductFile(const File& file, const Product* product)
+{
+    if (product == nullptr)
+        refuse("file names an unknown product");
+    const char* kind = file.path.find("/VST3/") != std::string::npos ? "vst3" : "au";
+    if (file.packageId != productPackageId(product->id, kind))
+        refuse("package identity drifted");
+    if (file.version != product->targetVersion)
+        refuse("target version drifted");
+}
+
+void requireContent(const Descriptor& descriptor)
+{
+    std::unordered_map<std::string_view, const Product*> products;
+    for (const Product& product : descriptor.products)
+        products.emplace(product.id, &product);
+
+    std::set<std::string_view> commonPaths;
+    std::unordered_set<std::string_view> productsWithFiles;
+    const File* firstCommon = nullptr;
+    for (const File& file : descriptor.files) {
+        productsWithFiles.insert(file.product);
+        if (file.product == commonProduct) {
+            firstCommon = firstCommon == nullptr ? &file : firstCommon;
+            requireCommonFile(file, firstCommon->version);
+            commonPaths.insert(file.path);
+        } else {
+            const auto product = products.find(file.product);
+            requireProductFile(file, product == products.end() ? nullptr : product->second);
+        }
+    }
+    if (commonPaths != std::set<std::string_view>{maintenanceExecutable, updaterExecutable})
+        refuse("has an incomplete common component");
+    for (const Product& product : descriptor.products)
+        if (!productsWithFiles.contains(product.id))
+            refuse("product has no files");
+}
+
+std::string joined(std::initializer_list<std::string_view> fields)
+{
+    std::string line;
+    for (const std::string_view field : fields) {
+        if (!line.empty())
+            line += '\t';
+        line += field;
+    }
+    return line;
+}
+
+std::string productFields(const Product& product)
+{
+    return joined({product.id, product.sourceVersion, product.targetVersion});
+}
+
+std::string fileFields(const File& file)
+{
+    return joined({file.product, file.packageId, file.version, file.path, file.sha256});
+}
+
+} // namespace
+
+FixedPlace descriptorPlace(const std::string& scope, const std::string& id)
+{
+    return {scope, std::string(maintenanceDirectory) + "/Inbox/" + id + ".tpmt"};
+}
+
+std::filesystem::path descriptorPath(const std::string& scope, const std::string& id)
+{
+    return maintenanceRoot(scope) / "Inbox" / (id + ".tpmt");
+}
+
+void validateLayout(const std::string& scope)
+{
+    openFixedDirectory(scope, maintenanceDirectory, true, true);
+    for (const char* directory : layout)
+        openFixedDirectory(scope, std::string(maintenanceDirectory) + "/" + directory, true, true);
+}
+
+Descriptor parse(const std::string& scope, const std::string& id)
+{
+    const std::string subject = "maintenance descriptor";
+    const ExaminedFile file = regular(descriptorPlace(scope, id), subject);
+    if ((file.status.st_mode & (S_IWGRP | S_IWOTH)) != 0 || file.status.st_uid != scopeOwner(scope) ||
+        file.status.st_size > largestMetadata)
+        refuse("permissions are unsafe");
+    return parseDescriptorText(readContent(openExamined(file, subject), subject), scope, id);
+}
+
+Descriptor parseDescriptorText(std::string_view text, const std::string& scope, const std::string& id)
+{
+    DescriptorReader reader;
+    for (const std::string_view line : splitLines(text))
+        readLine(reader, line);
+    takeBinding(reader, scope);
+    requireContent(reader.descriptor);
+    reader.descriptor.id = id;
+    reader.descriptor.fileSha256 = sha256OfText(text);
+    return std::move(reader.descriptor);
+}
+
+std::string descriptorText(const Descriptor& descriptor)
+{
+    std::string text = "schema=" + std::string(descriptorSchema) + "\nsku=" + descriptor.sku +
+                       "\npackageRevision=" + descriptor.packageRevision +
+                       "\nsourceScope=" + descriptor.sourceScope + "\ntargetScope=" + descriptor.targetScope +
+                       "\ndecision=" + descriptor.decision + "\n";
+    for (const Product& product : descriptor.products)
+        text += "product=" + productFields(product) + "\n";
+    for (const File& file : descriptor.files)
+        text += "target=" + fileFields(file) + "\n";
+    return text;
+}
+
+std::string canonical(const Descriptor& descriptor)
+{
+    std::vector<Product> products = descriptor.products;
+    std::sort(products.begin(), products.end(),
+              [](const Product& one, const Product& other) { return one.id < other.id; });
+    std::vector<File> files = descriptor.files;
+    std::sort(files.begin(), files.end(),
+              [](const File& one, const File& other) { return one.path < other.path; });
+
+    std::string text = std::string(descriptorSchema) + "\n" + descriptor.sku + "\n" +
+                       descriptor.packageRevision + "\n" + descriptor.sourceScope + "\n" +
+                       descriptor.targetScope + "\n" + descriptor.decision + "\n" + descriptor.id + "\n";
+    for (const Product& product : products)
+        text += "product\t" + productFields(product) + "\n";
+    for (const File& file : files)
+        text += "target\t" + fileFields(file) + "\n";
+    return text;
+}
+
+} // namespace maintenance

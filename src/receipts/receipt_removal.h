@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+
+namespace maintenance {
+
+/// Forgets a package's receipt in the scope and proves from a fresh inventory that it is gone. Touches no
+/// installed file.
+///
+/// packageId  has passed safePackageId
+/// throws     Invalid "pkgutil could not forget the authoritative package receipt"
+///            Invalid "pkgutil receipt remained registered after forget"
+///            what pkgutil and pkgutilReceipts throw
+void removeReceipt(const std::string& scope, const std::string& packageId);
+
+} // namespace maintenance

@@ -1,0 +1,91 @@
+#include "transaction/prepare.h"
+
+#include "fs/fixed_file.h"
+#include "fs/locks.h"
+#include "fs/sha256.h"
+#include "inventory/inspect.h"
+#include "receipts/products.h"
+#include "transaction/recovery.h"
+#include "transaction/snapshot.h"
+#include "transaction/transaction_directory.h"
+#include "transaction/transaction_scopes.h"
+#include "validate/identifiers.h"
+#include "validate/invalid.h"
+
+#include <algorithm>
+
+namespace maintenance {
+
+namespace {
+
+/// The shared package's version that the descriptor brings; every descriptor has shared files of one version.
+const std::string& incomingCommonVersion(const Descriptor& descriptor)
+{
+    return std::find_if(descriptor.files.begin(), descriptor.files.end(),
+                        [](const File& file) { return file.product == commonProduct; })
+        ->version;
+}
+
+void refuseCommonDowngrades(const Descriptor& descriptor)
+{
+    const std::string& incoming = incomingCommonVersion(descriptor);
+    rejectCommonDowngrade(descriptor.targetScope, incoming);
+    if (descriptor.sourceScope != "none")
+        rejectCommonDowngrade(descriptor.sourceScope, incoming);
+}
+
+bool isAsRecorded(const Product& product, const std::string& installedVersion)
+{
+    return product.sourceVersion == "-" || installedVersion == product.sourceVersion;
+}
+
+void requireUnchangedInstallations(const Descriptor& descriptor)
+{
+    ProductLookup lookup;
+    for (const Product& product : descriptor.products) {
+        if (const auto target = installed(lookup, descriptor.targetScope, product.id)) {
+            if (!isAsRecorded(product, *target))
+                throw Invalid("installed version changed before maintenance");
+            if (version(*target) > version(product.targetVersion))
+                throw Invalid("target-side downgrade is refused");
+        }
+        if (descriptor.sourceScope == "none")
+            continue;
+        const auto source = installed(lookup, descriptor.sourceScope, product.id);
+        if (!source || !isAsRecorded(product, *source))
+            throw Invalid("source installation changed before maintenance");
+    }
+}
+
+/// An adoption takes over files that are already there, so they must be exactly the descriptor's.
+void requireAdoptable(const Descriptor& descriptor)
+{
+    for (const File& file : descriptor.files) {
+        if (file.product == commonProduct)
+            continue;
+        const OpenFile present = safeFile({descriptor.targetScope, file.path});
+        if (sha256(present.descriptor.get(), present.status.st_size) != file.sha256)
+            throw Invalid("adopt requires byte-identical bundles");
+    }
+}
+
+} // namespace
+
+void prepare(const Descriptor& descriptor)
+{
+    const Locks locks(involvedScopes(descriptor));
+    refuseCommonDowngrades(descriptor);
+    inspect(descriptor);
+    rejectReplay(descriptor);
+    if (resumePrepared(descriptor))
+        return;
+    rejectActiveOrReplay(descriptor);
+    openTransaction(descriptor, [&] {
+        requireUnchangedInstallations(descriptor);
+        snapshotScopes(descriptor);
+        if (descriptor.decision == "adopt")
+            requireAdoptable(descriptor);
+    });
+}
+
+} // namespace maintenance

@@ -1,0 +1,191 @@
+#include "transaction/restoration.h"
+
+#include "fs/copy.h"
+#include "fs/existence.h"
+#include "fs/fixed_directory.h"
+#include "fs/fixed_file.h"
+#include "fs/removal.h"
+#include "fs/sha256.h"
+#include "inventory/installed_products.h"
+#include "receipts/package_contents.h"
+#include "receipts/receipt_inventory.h"
+#include "receipts/receipt_snapshot.h"
+#include "transaction/owned_removal.h"
+#include "transaction/snapshot.h"
+#include "validate/invalid.h"
+
+#include <optional>
+#include <sys/stat.h>
+
+namespace maintenance {
+
+namespace {
+
+constexpr const char* snapshotSubject = "transaction source";
+
+/// A scope of the transaction and the name of its snapshots.
+struct Role {
+    std::string scope;
+    std::string name;
+};
+
+std::vector<Role> involvedRoles(const Descriptor& descriptor)
+{
+    std::vector<Role> roles = {{descriptor.targetScope, "target"}};
+    if (descriptor.sourceScope != "none")
+        roles.push_back({descriptor.sourceScope, "source"});
+    return roles;
+}
+
+/// What there was in the place of one target file: its digest, or nothing.
+using TargetContent = std::optional<std::string>;
+
+/// Everything that a restoration relies on, proven to be there before anything is changed.
+struct ProvenSnapshots {
+    /// The manifest's files, for each involved role.
+    std::vector<std::vector<SnapshotFile>> authorities;
+    /// For each target file of the descriptor.
+    std::vector<TargetContent> targets;
+};
+
+std::string hashSnapshot(const FixedPlace& place)
+{
+    const OpenFile copy = openExamined(regular(place, snapshotSubject), "cannot read transaction source",
+                                       "transaction source is missing or unsafe");
+    return sha256(copy.descriptor.get(), copy.status.st_size);
+}
+
+std::vector<SnapshotFile> proveAuthority(const FixedPlace& snapshot)
+{
+    std::vector<SnapshotFile> files = snapshotManifestFiles(snapshot);
+    for (const SnapshotFile& file : files)
+        if (hashSnapshot(snapshotFilePlace(snapshot, file.serial)) != file.sha256)
+            throw Invalid("transaction source hash is wrong");
+    return files;
+}
+
+TargetContent proveTarget(const Descriptor& descriptor, std::size_t index)
+{
+    const FixedPlace copy = targetSnapshot(descriptor, index);
+    if (somethingStandsAt(absolutePath(copy)))
+        return hashSnapshot(copy);
+    regular(targetAbsence(descriptor, index), snapshotSubject);
+    return std::nullopt;
+}
+
+ProvenSnapshots proveSnapshots(const Descriptor& descriptor)
+{
+    ProvenSnapshots proven;
+    for (const Role& role : involvedRoles(descriptor))
+        proven.authorities.push_back(proveAuthority(authoritySnapshot(descriptor, role.name)));
+    for (std::size_t i = 0; i < descriptor.files.size(); ++i)
+        proven.targets.push_back(proveTarget(descriptor, i));
+    return proven;
+}
+
+/// What stands in an owned file's place.
+enum class Standing { Nothing, ExpectedFile, OtherFile, Foreign };
+
+Standing examinePlace(const FixedPlace& place, const std::string& expectedHash)
+{
+    const auto status = linkStatus(absolutePath(place));
+    if (!status)
+        return Standing::Nothing;
+    if (!S_ISREG(status->st_mode) || status->st_nlink != 1)
+        return Standing::Foreign;
+    const OpenFile file = safeFile(place);
+    return sha256(file.descriptor.get(), file.status.st_size) == expectedHash ? Standing::ExpectedFile
+                                                                              : Standing::OtherFile;
+}
+
+/// Brings a place back to the snapshot's bytes. A file is replaced in one step; only what cannot be replaced,
+/// a link, is removed first.
+void restoreFile(const FixedPlace& place, const FixedPlace& copy, const std::string& hash)
+{
+    const Standing standing = examinePlace(place, hash);
+    if (standing == Standing::ExpectedFile)
+        return;
+    if (standing == Standing::Foreign)
+        removeOwned(place, "", Links::Remove);
+    copyFixed(copy, place, hash);
+}
+
+/// Removes the files of the affected packages that the snapshot does not list.
+void removeUnlisted(const std::string& scope, const std::vector<SnapshotFile>& listed,
+                    const std::set<std::string>& packages)
+{
+    std::set<std::string> paths;
+    for (const SnapshotFile& file : listed)
+        paths.insert(file.path);
+    const ReceiptInventory live = pkgutilReceipts(scope, false);
+    const std::set<std::string> others = pathsOfOthers(live, packages);
+    for (const auto& [packageId, receipt] : live) {
+        if (!packages.contains(packageId))
+            continue;
+        for (const ReceiptFile& file : receipt.files)
+            if (!paths.contains(file.path) && !others.contains(file.path))
+                removeOwned({scope, file.path}, file.sha256, Links::Remove);
+    }
+}
+
+void restoreAuthorityFiles(const std::string& scope, const FixedPlace& snapshot,
+                           const std::vector<SnapshotFile>& files, const Descriptor& descriptor)
+{
+    removeUnlisted(scope, files, affectedPackages(descriptor));
+    for (const SnapshotFile& file : files)
+        restoreFile({scope, file.path}, snapshotFilePlace(snapshot, file.serial), file.sha256);
+}
+
+void restoreTargets(const Descriptor& descriptor, const std::vector<TargetContent>& targets)
+{
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+        const File& file = descriptor.files[i];
+        const FixedPlace place{descriptor.targetScope, file.path};
+        if (targets[i])
+            restoreFile(place, targetSnapshot(descriptor, i), *targets[i]);
+        else
+            removeOwned(place, file.sha256, Links::Refuse);
+    }
+}
+
+void restoreMetadata(const std::string& scope, const FixedPlace& snapshot)
+{
+    const FixedPlace records = placeInScope(scope, productRecords(scope));
+    removeFixedPath(absolutePath(records));
+    // The layout always has this directory, also when the snapshot holds no record.
+    const OwnedFd directory = openFixedDirectory(scope, records.relative, true, true);
+    copyTree(below(snapshot, "Products"), records);
+    if (::fchmod(directory.get(), 0755) != 0)
+        throw Invalid("maintenance directory ownership or mode is unsafe");
+
+    const std::filesystem::path index = installedProductsIndex(scope);
+    const std::filesystem::path copy = absolutePath(below(snapshot, indexName));
+    removeFixedPath(index);
+    if (somethingStandsAt(copy))
+        copyRegular(copy, index, std::nullopt);
+}
+
+} // namespace
+
+bool registrationsUnchanged(const Descriptor& descriptor)
+{
+    const std::set<std::string> packages = affectedPackages(descriptor);
+    for (const Role& role : involvedRoles(descriptor))
+        if (!registrationsMatchSnapshot(role.scope, authoritySnapshot(descriptor, role.name), packages))
+            return false;
+    return true;
+}
+
+void restore(const Descriptor& descriptor)
+{
+    const ProvenSnapshots proven = proveSnapshots(descriptor);
+    const std::vector<Role> roles = involvedRoles(descriptor);
+    for (std::size_t i = 0; i < roles.size(); ++i)
+        restoreAuthorityFiles(roles[i].scope, authoritySnapshot(descriptor, roles[i].name),
+                              proven.authorities[i], descriptor);
+    restoreTargets(descriptor, proven.targets);
+    for (const Role& role : roles)
+        restoreMetadata(role.scope, metadataSnapshot(descriptor, role.name));
+}
+
+} // namespace maintenance

@@ -1,0 +1,215 @@
+#include "transaction/transaction_directory.h"
+
+#include "fs/directory_entries.h"
+#include "fs/existence.h"
+#include "fs/fixed_directory.h"
+#include "fs/fixed_file.h"
+#include "fs/owner_power.h"
+#include "fs/publish.h"
+#include "fs/removal.h"
+#include "plan/pending_install.h"
+#include "platform/durable_sync.h"
+#include "transaction/checkpoint.h"
+#include "transaction/transaction_scopes.h"
+#include "validate/invalid.h"
+
+#include <fcntl.h>
+#include <optional>
+#include <sys/stat.h>
+#include <system_error>
+
+namespace maintenance {
+
+namespace {
+
+constexpr mode_t transactionMode = 0700;
+
+std::string transactionsDirectory() { return std::string(maintenanceDirectory) + "/Transactions"; }
+
+void requireNew(int parent, const std::string& id)
+{
+    struct stat status{};
+    if (::fstatat(parent, id.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+        throw Invalid("maintenance transaction already exists");
+    if (errno != ENOENT)
+        throw Invalid("cannot create maintenance transaction securely");
+}
+
+void validateEntries(int directory, const std::string& scope);
+
+void validateEntry(int directory, const std::string& name, const std::string& scope)
+{
+    struct stat status{};
+    if (::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        throw Invalid("transaction metadata changed during validation");
+    if (S_ISDIR(status.st_mode)) {
+        const OwnedFd entered = walkOneDirectory(directory, name);
+        if (!entered)
+            throw Invalid("transaction metadata contains a redirected directory");
+        checkDirectory(entered.get(), scope);
+        validateEntries(entered.get(), scope);
+        return;
+    }
+    if (!S_ISREG(status.st_mode) || status.st_nlink != 1 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ||
+        status.st_uid != scopeOwner(scope))
+        throw Invalid("transaction metadata contains a link or unsafe file");
+}
+
+void validateEntries(int directory, const std::string& scope)
+{
+    const auto names = directoryEntries(directory);
+    if (!names)
+        throw Invalid("cannot inspect transaction directory");
+    for (const std::string& name : *names)
+        validateEntry(directory, name, scope);
+}
+
+void publishLeases(const Descriptor& descriptor, const std::string& prepared)
+{
+    std::size_t index = 0;
+    for (const std::string& scope : involvedScopes(descriptor)) {
+        text(activePath(scope), prepared);
+        checkpoint("prepare.lease." + std::to_string(index++));
+    }
+}
+
+/// Takes back what a failed opening has left. A lease goes when it holds this transaction's text, also one
+/// whose publication reported an error after it had become visible. As long as a lease stays, so does the
+/// directory, from which the transaction can be resumed or rolled back.
+void takeBack(const Descriptor& descriptor, const std::string& prepared)
+{
+    if (!prepared.empty())
+        for (const std::string& scope : involvedScopes(descriptor))
+            if (somethingStandsAt(activePath(scope)) && readLease(scope) == prepared)
+                removeFixedPath(activePath(scope));
+    removeTransactionDirectory(descriptor);
+}
+
+void requireLeases(const Descriptor& descriptor, const std::string& prepared, const char* changed)
+{
+    for (const std::string& scope : involvedScopes(descriptor))
+        if (readLease(scope) != prepared)
+            throw Invalid(changed);
+}
+
+bool hasPendingAttempt(const std::string& scope)
+{
+    try {
+        return somethingStandsAt(absolutePath(pendingInstallPlace(scope)));
+    } catch (const std::system_error&) {
+        throw Invalid("pending installation attempt cannot be inspected");
+    }
+}
+
+} // namespace
+
+void createTransactionDirectory(const Descriptor& descriptor)
+{
+    const std::string scope = authorityScope(descriptor);
+    const OwnedFd parent = openFixedDirectory(scope, transactionsDirectory(), true, true);
+    requireNew(parent.get(), descriptor.id);
+    const int made = withOwnersPower(parent.get(), scopeOwner(scope), [&] {
+        return ::mkdirat(parent.get(), descriptor.id.c_str(), transactionMode);
+    });
+    if (made != 0)
+        throw Invalid("cannot create maintenance transaction securely");
+    const OwnedFd directory = walkOneDirectory(parent.get(), descriptor.id);
+    if (!directory)
+        throw Invalid("maintenance transaction was redirected during creation");
+    assignCreatedOwner(parent.get(), directory.get(), scope);
+    checkDirectory(directory.get(), scope);
+    if (!synchronize(parent.get(), Durability::Record))
+        throw Invalid("cannot create maintenance transaction securely");
+}
+
+void validateTransactionDirectory(const Descriptor& descriptor)
+{
+    const std::string scope = authorityScope(descriptor);
+    const OwnedFd directory =
+        openFixedDirectory(scope, transactionsDirectory() + "/" + descriptor.id, false, true);
+    validateEntries(directory.get(), scope);
+}
+
+void removeTransactionDirectory(const Descriptor& descriptor)
+{
+    removeFixedPath(preparedPath(transactionRoot(descriptor)));
+    removeFixedPath(transactionRoot(descriptor));
+}
+
+void rejectReplay(const Descriptor& descriptor)
+{
+    if (somethingStandsAt(completedPath(descriptor)))
+        throw Invalid("maintenance transaction replay is refused");
+}
+
+void rejectActiveOrReplay(const Descriptor& descriptor)
+{
+    rejectReplay(descriptor);
+    for (const std::string& scope : involvedScopes(descriptor))
+        if (somethingStandsAt(activePath(scope)))
+            throw Invalid("another durable maintenance transaction is active");
+}
+
+PreparedState openTransaction(const Descriptor& descriptor, const std::function<void()>& capture)
+{
+    createTransactionDirectory(descriptor);
+    std::string prepared;
+    try {
+        capture();
+        const PreparedState state = bindingState(descriptor);
+        prepared = preparedText(state);
+        text(preparedPath(transactionRoot(descriptor)), prepared);
+        publishLeases(descriptor, prepared);
+        return state;
+    } catch (...) {
+        try {
+            takeBack(descriptor, prepared);
+        } catch (const std::exception&) {
+            // The failure that led here is the one to report; the next run finds what could not be taken
+            // back and recovers it.
+        }
+        throw;
+    }
+}
+
+void finishTransaction(const Descriptor& descriptor, const PreparedState& state)
+{
+    const std::string prepared = preparedText(state);
+    requireLeases(descriptor, prepared, "durable transaction lease changed before completion");
+    text(completedPath(descriptor), prepared);
+    std::size_t index = 0;
+    for (const std::string& scope : involvedScopes(descriptor)) {
+        removeFixedPath(activePath(scope));
+        checkpoint("finish.lease." + std::to_string(index++));
+    }
+    removeTransactionDirectory(descriptor);
+    clearPending(descriptor);
+}
+
+bool isRecordedAsCompleted(const Descriptor& descriptor, const PreparedState& state)
+{
+    if (!somethingStandsAt(completedPath(descriptor)))
+        return false;
+    try {
+        return readText(completedPath(descriptor), authorityScope(descriptor), "prepared transaction state") ==
+               preparedText(state);
+    } catch (const Invalid&) {
+        return true;
+    }
+}
+
+void abandonTransaction(const Descriptor& descriptor, const PreparedState& state)
+{
+    requireLeases(descriptor, preparedText(state), "durable transaction lease changed during recovery");
+    for (const std::string& scope : involvedScopes(descriptor))
+        removeFixedPath(activePath(scope));
+}
+
+void clearPending(const Descriptor& descriptor)
+{
+    const std::string& scope = descriptor.targetScope;
+    if (hasPendingAttempt(scope) && readPending(scope).transaction == descriptor.id)
+        removeFixed(pendingInstallPlace(scope));
+}
+
+} // namespace maintenance

@@ -1,0 +1,176 @@
+#include "uninstall/uninstall.h"
+
+#include "fs/existence.h"
+#include "fs/fixed_file.h"
+#include "fs/locks.h"
+#include "fs/sha256.h"
+#include "inventory/installed_products.h"
+#include "receipts/exact_receipts.h"
+#include "receipts/package_contents.h"
+#include "receipts/products.h"
+#include "receipts/receipt_removal.h"
+#include "receipts/receipt_snapshot.h"
+#include "transaction/checkpoint.h"
+#include "transaction/owned_removal.h"
+#include "transaction/recovery.h"
+#include "transaction/snapshot.h"
+#include "transaction/transaction_directory.h"
+#include "transaction/transaction_scopes.h"
+#include "validate/identifiers.h"
+#include "validate/invalid.h"
+
+namespace maintenance {
+
+namespace {
+
+[[noreturn]] void refuseMismatch()
+{
+    throw Invalid("uninstall descriptor does not match the installed product");
+}
+
+/// Path to the digest that the file had when the transaction was prepared.
+using PreparedHashes = std::map<std::string, std::string>;
+
+void requireBothPackages(const PackageContents& packages, const Product& product)
+{
+    for (const char* kind : {"vst3", "au"})
+        if (!packages.contains(productPackageId(product.id, kind)))
+            refuseMismatch();
+}
+
+/// Proves from the live receipts that the descriptor describes exactly what is installed.
+void proveInstallation(const Descriptor& descriptor)
+{
+    const PackageContents packages = packageContents(descriptor);
+    ProductLookup lookup;
+    for (const Product& product : descriptor.products) {
+        if (installed(lookup, descriptor.targetScope, product.id) != product.targetVersion)
+            refuseMismatch();
+        requireBothPackages(packages, product);
+    }
+    requireExactReceipts(descriptor, false);
+}
+
+PreparedState beginUninstallation(const Descriptor& descriptor)
+{
+    rejectActiveOrReplay(descriptor);
+    return openTransaction(descriptor, [&] {
+        snapshotScopes(descriptor);
+        proveInstallation(descriptor);
+    });
+}
+
+bool isSameContent(const PackageContent& one, const PackageContent& other)
+{
+    return one.version == other.version && one.files == other.files;
+}
+
+bool isRecordedRegistration(const Receipt& live, const PackageContents& recorded)
+{
+    const auto package = recorded.find(live.packageId);
+    if (package == recorded.end() || package->second.version != live.version)
+        return false;
+    std::set<std::string> livePaths;
+    for (const ReceiptFile& file : live.files)
+        livePaths.insert(file.path);
+    std::set<std::string> recordedPaths;
+    for (const auto& file : package->second.files)
+        recordedPaths.insert(file.first);
+    return livePaths == recordedPaths;
+}
+
+/// Proves from the snapshot what proveInstallation proved live before the run was interrupted. A transaction
+/// that was prepared for something else is never carried out as an uninstallation.
+void proveResumed(const Descriptor& descriptor, const ReceiptInventory& live)
+{
+    const PackageContents described = packageContents(descriptor);
+    const PackageContents recorded = snapshotPackages(authoritySnapshot(descriptor, "target"));
+    for (const Product& product : descriptor.products)
+        requireBothPackages(described, product);
+    for (const auto& [packageId, content] : described) {
+        const auto package = recorded.find(packageId);
+        const bool isShared = packageId == commonPackageId;
+        if (!isShared && (package == recorded.end() || !isSameContent(package->second, content)))
+            refuseMismatch();
+        const auto receipt = live.find(packageId);
+        if (receipt != live.end() && !isRecordedRegistration(receipt->second, recorded))
+            refuseMismatch();
+    }
+}
+
+/// Removes one file of a receipt: the snapshot must vouch for its content. A file that is gone was removed by
+/// an earlier run; one that the snapshot does not know stays.
+void removeVouchedFile(const FixedPlace& place, const PreparedHashes& hashes)
+{
+    const auto hash = hashes.find(place.relative);
+    if (hash == hashes.end() || !somethingStandsAt(absolutePath(place)))
+        return;
+    const OpenFile file = safeFile(place);
+    if (sha256(file.descriptor.get(), file.status.st_size) != hash->second)
+        throw Invalid("receipt-owned file changed; refusing uninstall");
+    removeOwned(place, hash->second, Links::Refuse);
+}
+
+/// Removes packages of one scope, counting the files that it has come past.
+struct PackageRemoval {
+    std::string scope;
+    PreparedHashes hashes;
+    /// Paths that other packages own too.
+    std::set<std::string> keep;
+    std::size_t serial = 0;
+};
+
+void removePackage(PackageRemoval& removal, const Receipt& receipt)
+{
+    for (const ReceiptFile& file : receipt.files) {
+        if (!removal.keep.contains(file.path))
+            removeVouchedFile({removal.scope, file.path}, removal.hashes);
+        checkpoint("uninstall." + std::to_string(removal.serial++));
+    }
+    removeReceipt(removal.scope, receipt.packageId);
+    checkpoint("uninstall.receipt." + receipt.packageId);
+}
+
+void removeProducts(const Descriptor& descriptor, PackageRemoval& removal, const ReceiptInventory& live)
+{
+    for (const Product& product : descriptor.products)
+        for (const char* kind : {"vst3", "au"}) {
+            const auto receipt = live.find(productPackageId(product.id, kind));
+            if (receipt != live.end())
+                removePackage(removal, receipt->second);
+        }
+}
+
+/// Removes the shared package when no product of the maker is left in the scope.
+void removeSharedPackage(PackageRemoval& removal)
+{
+    const ReceiptInventory live = pkgutilReceipts(removal.scope, false);
+    const auto common = live.find(std::string(commonPackageId));
+    if (!holdsProducts(live) && common != live.end())
+        removePackage(removal, common->second);
+}
+
+} // namespace
+
+void uninstall(const Descriptor& descriptor)
+{
+    const std::string& scope = descriptor.targetScope;
+    const Locks locks(involvedScopes(descriptor));
+    if (recoverCompleted(descriptor))
+        return;
+    const bool resumed = resumePrepared(descriptor);
+    const PreparedState state = resumed ? verifyPrepared(descriptor, transactionRoot(descriptor))
+                                        : beginUninstallation(descriptor);
+
+    const ReceiptInventory live = pkgutilReceipts(scope, false);
+    if (resumed)
+        proveResumed(descriptor, live);
+    PackageRemoval removal{scope, snapshotInventory(authoritySnapshot(descriptor, "target")),
+                           pathsOfOthers(live, affectedPackages(descriptor))};
+    removeProducts(descriptor, removal, live);
+    removeSharedPackage(removal);
+    aggregate(scope);
+    finishTransaction(descriptor, state);
+}
+
+} // namespace maintenance

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace maintenance {
+
+/// Splits `text` at every `separator`; empty pieces are kept, so "a,,b," gives "a", "", "b", "" and an
+/// empty text gives one empty piece.
+std::vector<std::string> split(std::string_view text, char separator);
+
+/// Returns the lines of `text`, without their line feeds. A last line without a line feed is a line; a text
+/// that ends in a line feed has no further empty line, and an empty text has no line. The views borrow
+/// from `text`.
+std::vector<std::string_view> splitLines(std::string_view text);
+
+/// A line of metadata: what stands before its first "=", and everything behind it. Borrows from the line.
+struct KeyValue {
+    std::string_view key;
+    std::string_view value;
+};
+
+/// Takes `line` apart at its first "="; nothing when it has none.
+std::optional<KeyValue> splitKeyValue(std::string_view line);
+
+} // namespace maintenance
