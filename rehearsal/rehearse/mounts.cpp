@@ -29,16 +29,18 @@ void mountOn(const std::string& source, const std::string& target, const char* t
     if (::mount(source.c_str(), target.c_str(), type, flags, data.c_str()) != 0) refused(step);
 }
 
-// Owners without an id in a user namespace cannot be given away, and root is the closest to them.
+// In a user namespace all owners without an id there look like this one, and most of them are root.
+constexpr unsigned unknownId = 65534;
+
 void makeAlike(const std::string& path, const std::string& model)
 {
     struct stat status {};
     const bool known = ::stat(model.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
     makeDirectory(path, 0755);
     if (!known) return;
-    if (::chown(path.c_str(), status.st_uid, status.st_gid) != 0 && ::chown(path.c_str(), 0, 0) != 0) {
-        refused("cannot set the owner of " + path);
-    }
+    const uid_t uid = status.st_uid == unknownId ? 0 : status.st_uid;
+    const gid_t gid = status.st_gid == unknownId ? 0 : status.st_gid;
+    if (::chown(path.c_str(), uid, gid) != 0) refused("cannot set the owner of " + path);
     makeDirectory(path, status.st_mode & 07777);
 }
 
@@ -76,7 +78,10 @@ void cover(const Root& root, const Layer& layer)
     // One device number for files and directories alike, as on any plain file system; not every pair of file
     // systems can do that.
     if (::mount("rehearsal", target.c_str(), "overlay", 0, (data + ",xino=on").c_str()) == 0) return;
-    mountOn("rehearsal", target, "overlay", 0, data, "cannot lay an overlay over " + layer.path);
+    if (::mount("rehearsal", target.c_str(), "overlay", 0, data.c_str()) == 0) return;
+    // The kernel allows two overlays on top of each other, and says no more than this about a third.
+    refused("cannot lay an overlay over " + layer.path +
+            (errno == EINVAL ? " (which may be one of overlays already, or hide a mount)" : ""));
 }
 
 // Only what the root itself writes to has to be covered; the rest may as well be shown read-only.
