@@ -8,8 +8,10 @@ bool readAll(int fd, std::string& content)
     char buffer[16384];
     for (;;) {
         const ssize_t got = ::read(fd, buffer, sizeof buffer);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return got == 0;
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return got == 0;
         content.append(buffer, static_cast<std::size_t>(got));
     }
 }
@@ -18,7 +20,8 @@ std::optional<std::string> readFile(const std::string& path)
 {
     const OwnedFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     std::string content;
-    if (!fd || !readAll(fd.get(), content)) return std::nullopt;
+    if (!fd || !readAll(fd.get(), content))
+        return std::nullopt;
     return content;
 }
 
@@ -27,8 +30,10 @@ bool writeAll(int fd, const std::string& content)
     std::size_t done = 0;
     while (done < content.size()) {
         const ssize_t written = ::write(fd, content.data() + done, content.size() - done);
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return false;
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written < 0)
+            return false;
         done += static_cast<std::size_t>(written);
     }
     return true;

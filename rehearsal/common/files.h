@@ -20,7 +20,8 @@ public:
     }
     ~OwnedFd()
     {
-        if (fd_ < 0) return;
+        if (fd_ < 0)
+            return;
         const int saved = errno;
         ::close(fd_);
         errno = saved;

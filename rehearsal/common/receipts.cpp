@@ -52,12 +52,14 @@ std::optional<std::vector<std::string>> listReceipts(const std::string& volume)
     const std::unique_ptr<DIR, CloseDirectory> directory(::opendir(receiptDirectory(volume).c_str()));
     std::vector<std::string> identifiers;
     if (!directory) {
-        if (errno == ENOENT || errno == ENOTDIR) return identifiers;
+        if (errno == ENOENT || errno == ENOTDIR)
+            return identifiers;
         return std::nullopt;
     }
     while (const dirent* entry = ::readdir(directory.get())) {
         const std::string_view name = entry->d_name;
-        if (name.size() <= suffix.size() || !name.ends_with(suffix)) continue;
+        if (name.size() <= suffix.size() || !name.ends_with(suffix))
+            continue;
         identifiers.emplace_back(name.substr(0, name.size() - suffix.size()));
     }
     std::sort(identifiers.begin(), identifiers.end());
@@ -72,10 +74,12 @@ std::optional<Receipt> readReceipt(const std::string& volume, const std::string&
         return std::nullopt;
     }
     const std::optional<std::string> content = readFile(receiptPath(volume, identifier));
-    if (!content) return std::nullopt;
+    if (!content)
+        return std::nullopt;
     Receipt receipt;
     for (const std::string& line : lines(*content)) {
-        if (takeLine(line, receipt)) continue;
+        if (takeLine(line, receipt))
+            continue;
         errno = EBADMSG;
         return std::nullopt;
     }

@@ -13,11 +13,13 @@ Target targetFrom(const std::string& text)
 {
     const std::string path = withoutEndSlash(text);
     if (path == "/") {
-        if (::geteuid() != 0) throw Failure("Must be run as root to install this package.");
+        if (::geteuid() != 0)
+            throw Failure("Must be run as root to install this package.");
         return {"/", 0, 0};
     }
     const passwd* account = ::getpwuid(::geteuid());
-    if (account == nullptr) throw Failure("The running account is unknown.");
+    if (account == nullptr)
+        throw Failure("The running account is unknown.");
     if (path != "CurrentUserHomeDirectory" && path != account->pw_dir) {
         throw Failure("Target '" + text + "' is neither / nor the home of " + account->pw_name + ".");
     }
@@ -30,7 +32,8 @@ std::string Target::at(const std::string& relative) const
 {
     const std::size_t start = relative.find_first_not_of('/');
     const std::string base = path == "/" ? "" : path;
-    if (start == std::string::npos) return path;
+    if (start == std::string::npos)
+        return path;
     return withoutEndSlash(base + "/" + relative.substr(start));
 }
 
@@ -48,6 +51,7 @@ Request readRequest(int count, char** arguments)
     if (package.empty() || target.empty()) {
         throw Failure("usage: installer -pkg FILE -target / | HOME | CurrentUserHomeDirectory");
     }
-    if (::access(package.c_str(), R_OK) != 0) failed("Cannot read package " + package);
+    if (::access(package.c_str(), R_OK) != 0)
+        failed("Cannot read package " + package);
     return {std::filesystem::absolute(package).string(), targetFrom(target)};
 }

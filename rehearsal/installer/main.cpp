@@ -19,7 +19,8 @@ public:
     Sandbox()
     {
         char name[] = "/tmp/installer.XXXXXX";
-        if (::mkdtemp(name) == nullptr) failed("Cannot make a directory in /tmp");
+        if (::mkdtemp(name) == nullptr)
+            failed("Cannot make a directory in /tmp");
         path_ = name;
     }
     Sandbox(const Sandbox&) = delete;
@@ -40,10 +41,12 @@ void writeReceipts(const std::vector<Component>& components, const Target& targe
     const std::string directory = receiptDirectory(target.path);
     std::error_code error;
     std::filesystem::create_directories(directory, error);
-    if (error) throw Failure("Cannot make " + directory + ": " + error.message());
+    if (error)
+        throw Failure("Cannot make " + directory + ": " + error.message());
     const std::string now = std::to_string(std::time(nullptr));
     for (const Component& component : components) {
-        if (component.payload.empty()) continue; // scripts alone leave no receipt
+        if (component.payload.empty())
+            continue; // scripts alone leave no receipt
         const std::string& location = component.location;
         const std::string printed = location == "/" ? location : location.substr(location[0] == '/' ? 1 : 0);
         if (!writeReceipt(target.path, component.identifier,
@@ -64,7 +67,8 @@ void install(const Request& request, const Switches& switches)
     placePayloads(components, request.target, switches);
     runScripts("postinstall", components, request);
     // 3. Only now the receipts, all of them.
-    if (switches.receipts) writeReceipts(components, request.target);
+    if (switches.receipts)
+        writeReceipts(components, request.target);
 }
 
 } // namespace

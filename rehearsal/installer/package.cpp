@@ -19,8 +19,10 @@ void unpack(const std::string& archive, const std::string& directory)
     std::string said;
     const int status = runProgram({"bsdtar", "-x", "-p", "--no-same-owner", "-f", archive, "-C", directory},
                                   {"PATH=/usr/bin:/bin"}, "/", [&](const std::string& line) { said = line; });
-    if (status == 126) throw Failure("bsdtar of the package libarchive-tools is needed.");
-    if (status != 0) throw Failure("Cannot unpack " + archive + ": " + said);
+    if (status == 126)
+        throw Failure("bsdtar of the package libarchive-tools is needed.");
+    if (status != 0)
+        throw Failure("Cannot unpack " + archive + ": " + said);
 }
 
 std::string decoded(std::string text)
@@ -41,7 +43,8 @@ std::optional<std::string> tagIn(const std::string& text, const std::string& nam
     for (std::size_t at = text.find("<" + name); at != std::string::npos;
          at = text.find("<" + name, at + 1)) {
         const char next = text.c_str()[at + 1 + name.size()];
-        if (std::string(" \t\r\n/>").find(next) == std::string::npos) continue;
+        if (std::string(" \t\r\n/>").find(next) == std::string::npos)
+            continue;
         return text.substr(at, text.find('>', at) - at + 1);
     }
     return std::nullopt;
@@ -51,7 +54,8 @@ std::string attributeIn(const std::string& tag, const std::string& name)
 {
     for (std::size_t at = tag.find(name); at != std::string::npos; at = tag.find(name, at + 1)) {
         const std::size_t quote = at + name.size() + 1;
-        if (std::string(" \t\r\n").find(tag[at - 1]) == std::string::npos) continue;
+        if (std::string(" \t\r\n").find(tag[at - 1]) == std::string::npos)
+            continue;
         if (quote >= tag.size() || tag[quote - 1] != '=' || (tag[quote] != '"' && tag[quote] != '\''))
             continue;
         return decoded(tag.substr(quote + 1, tag.find(tag[quote], quote + 1) - quote - 1));
@@ -62,7 +66,8 @@ std::string attributeIn(const std::string& tag, const std::string& name)
 std::string readMarkup(const std::string& path)
 {
     std::optional<std::string> text = readFile(path);
-    if (!text) failed("Cannot read " + path);
+    if (!text)
+        failed("Cannot read " + path);
     for (std::size_t at = text->find("<!--"); at != std::string::npos; at = text->find("<!--", at)) {
         const std::size_t end = text->find("-->", at);
         text->erase(at, end == std::string::npos ? end : end + 3 - at);
@@ -92,7 +97,8 @@ Component componentFrom(const std::string& directory)
                         "",
                         "",
                         {}};
-    if (component.identifier.empty()) throw Failure("A PackageInfo names no identifier.");
+    if (component.identifier.empty())
+        throw Failure("A PackageInfo names no identifier.");
     if (fs::exists(directory + "/Payload")) {
         component.payload = directory + "/payload.unpacked";
         unpack(directory + "/Payload", component.payload);
@@ -127,13 +133,16 @@ std::vector<std::string> referencesIn(const std::string& distribution)
     for (std::size_t at = distribution.find("<pkg-ref"); at != std::string::npos;
          at = distribution.find("<pkg-ref", at + 1)) {
         const std::size_t start = distribution.find('>', at) + 1;
-        if (start == 0 || distribution[start - 2] == '/') continue;
+        if (start == 0 || distribution[start - 2] == '/')
+            continue;
         const std::string text = distribution.substr(start, distribution.find('<', start) - start);
         const std::size_t hash = text.find('#');
-        if (hash == std::string::npos) continue;
+        if (hash == std::string::npos)
+            continue;
         const std::size_t end = text.find_last_not_of(" \t\r\n");
         const std::string name = unescaped(decoded(text.substr(hash + 1, end - hash)));
-        if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+        if (std::find(names.begin(), names.end(), name) == names.end())
+            names.push_back(name);
     }
     return names;
 }
@@ -152,13 +161,15 @@ void requireAllowed(const std::string& distribution, const Target& target)
 std::vector<Component> unpackPackage(const Request& request, const std::string& sandbox)
 {
     unpack(request.package, sandbox);
-    if (!fs::exists(sandbox + "/Distribution")) return {componentFrom(sandbox)};
+    if (!fs::exists(sandbox + "/Distribution"))
+        return {componentFrom(sandbox)};
     const std::string distribution = readMarkup(sandbox + "/Distribution");
     requireAllowed(distribution, request.target);
     std::vector<Component> components;
     for (const std::string& name : referencesIn(distribution)) {
         components.push_back(componentFrom(sandbox + "/" + name));
     }
-    if (components.empty()) throw Failure("The Distribution names no component package.");
+    if (components.empty())
+        throw Failure("The Distribution names no component package.");
     return components;
 }

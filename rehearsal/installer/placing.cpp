@@ -18,19 +18,23 @@ namespace {
 struct stat statusOf(const std::string& path)
 {
     struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) failed("Cannot examine " + path);
+    if (::lstat(path.c_str(), &status) != 0)
+        failed("Cannot examine " + path);
     return status;
 }
 
 void own(const std::string& path, const Target& target)
 {
-    if (::lchown(path.c_str(), target.uid, target.gid) != 0) failed("Cannot set the owner of " + path);
+    if (::lchown(path.c_str(), target.uid, target.gid) != 0)
+        failed("Cannot set the owner of " + path);
 }
 
 void placeDirectory(const std::string& source, const std::string& destination, const Target& target)
 {
-    if (fs::is_directory(destination)) return;
-    if (::mkdir(destination.c_str(), 0700) != 0) failed("Cannot make " + destination);
+    if (fs::is_directory(destination))
+        return;
+    if (::mkdir(destination.c_str(), 0700) != 0)
+        failed("Cannot make " + destination);
     own(destination, target);
     // Last, because a change of owner may take away set-id bits.
     if (::chmod(destination.c_str(), statusOf(source).st_mode & 07777) != 0)
@@ -44,7 +48,8 @@ void placeFile(const std::string& source, const std::string& destination, const 
     ::unlink(fresh.c_str());
     std::error_code error;
     fs::copy(source, fresh, fs::copy_options::copy_symlinks, error);
-    if (error) throw Failure("Cannot place " + destination + ": " + error.message());
+    if (error)
+        throw Failure("Cannot place " + destination + ": " + error.message());
     own(fresh, target);
     if (!S_ISLNK(status.st_mode) && ::chmod(fresh.c_str(), status.st_mode & 07777) != 0) {
         failed("Cannot set the mode of " + destination);
@@ -82,8 +87,10 @@ void makeLocation(const Component& component, const Target& target)
     for (std::size_t end = 0; end < location.size();) {
         end = std::min(location.find('/', end + 1), location.size());
         const std::string directory = target.at(location.substr(0, end));
-        if (fs::is_directory(directory)) continue;
-        if (::mkdir(directory.c_str(), 0755) != 0) failed("Cannot make " + directory);
+        if (fs::is_directory(directory))
+            continue;
+        if (::mkdir(directory.c_str(), 0755) != 0)
+            failed("Cannot make " + directory);
         own(directory, target);
     }
 }
@@ -91,13 +98,16 @@ void makeLocation(const Component& component, const Target& target)
 void removeObsolete(const Component& component, const Target& target, const std::set<std::string>& wanted)
 {
     const std::optional<Receipt> old = readReceipt(target.path, component.identifier);
-    if (!old) return;
+    if (!old)
+        return;
     // Backwards, so that a directory comes after what is in it; one that holds something else stays.
     for (auto path = old->paths.rbegin(); path != old->paths.rend(); ++path) {
         const std::string relative = relativeTo(old->location, *path);
-        if (wanted.count(relative) != 0) continue;
+        if (wanted.count(relative) != 0)
+            continue;
         const std::string absolute = target.at(relative);
-        if (::unlink(absolute.c_str()) != 0 && (errno == EISDIR || errno == EPERM)) ::rmdir(absolute.c_str());
+        if (::unlink(absolute.c_str()) != 0 && (errno == EISDIR || errno == EPERM))
+            ::rmdir(absolute.c_str());
     }
 }
 
@@ -110,22 +120,26 @@ void placePayloads(const std::vector<Component>& components, const Target& targe
     std::size_t placed = 0;
     std::set<std::string> wanted;
     for (const Component& component : components) {
-        if (!component.payload.empty()) makeLocation(component, target);
+        if (!component.payload.empty())
+            makeLocation(component, target);
         for (const std::string& path : component.paths) {
             const std::string relative = relativeTo(component.location, path);
             const std::string source = component.payload + "/" + path;
             wanted.insert(relative);
-            if (switches.skips(relative)) continue;
+            if (switches.skips(relative))
+                continue;
             if (S_ISDIR(statusOf(source).st_mode)) {
                 placeDirectory(source, target.at(relative), target);
             } else {
-                if (placed == limit) throw Failure("The install was stopped half-way.");
+                if (placed == limit)
+                    throw Failure("The install was stopped half-way.");
                 placeFile(source, target.at(relative), target);
                 ++placed;
             }
         }
     }
-    if (placed == limit) throw Failure("The install was stopped half-way.");
+    if (placed == limit)
+        throw Failure("The install was stopped half-way.");
     for (const Component& component : components) {
         removeObsolete(component, target, wanted);
     }

@@ -28,7 +28,8 @@ std::vector<char*> pointers(const std::vector<std::string>& words)
     ::dup2(output, STDOUT_FILENO);
     ::dup2(output, STDERR_FILENO);
     ::umask(022);
-    if (::chdir(directory.c_str()) == 0) ::execvpe(arguments[0], arguments.data(), variables.data());
+    if (::chdir(directory.c_str()) == 0)
+        ::execvpe(arguments[0], arguments.data(), variables.data());
     writeAll(STDERR_FILENO, "cannot run " + words[0] + ": " + std::strerror(errno) + "\n");
     ::_exit(126);
 }
@@ -39,12 +40,15 @@ int runProgram(const std::vector<std::string>& words, const std::vector<std::str
                const std::string& directory, const std::function<void(const std::string&)>& line)
 {
     int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) failed("cannot make a pipe");
+    if (::pipe2(ends, O_CLOEXEC) != 0)
+        failed("cannot make a pipe");
     const OwnedFd output(ends[0]);
     OwnedFd input(ends[1]);
     const pid_t child = ::fork();
-    if (child < 0) failed("cannot start " + words[0]);
-    if (child == 0) become(words, environment, directory, input.get());
+    if (child < 0)
+        failed("cannot start " + words[0]);
+    if (child == 0)
+        become(words, environment, directory, input.get());
     input = OwnedFd();
 
     std::string pending;
@@ -57,8 +61,10 @@ int runProgram(const std::vector<std::string>& words, const std::vector<std::str
             pending.erase(0, end + 1);
         }
     }
-    if (!pending.empty()) line(pending);
+    if (!pending.empty())
+        line(pending);
     int status = 0;
-    if (::waitpid(child, &status, 0) != child) failed("cannot wait for " + words[0]);
+    if (::waitpid(child, &status, 0) != child)
+        failed("cannot wait for " + words[0]);
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }

@@ -18,11 +18,13 @@ std::vector<std::string> accountVariables(const Target& target)
     uid_t uid = target.uid;
     for (const std::string& line : lines(readFile("/run/systemd/seats/seat0").value_or(""))) {
         const std::string name = "ACTIVE_UID=";
-        if (target.path != "/" || !line.starts_with(name)) continue;
+        if (target.path != "/" || !line.starts_with(name))
+            continue;
         uid = static_cast<uid_t>(number(line.substr(name.size())).value_or(uid));
     }
     const passwd* account = ::getpwuid(uid);
-    if (account == nullptr) return {"HOME=/", "USER=root", "LOGNAME=root"};
+    if (account == nullptr)
+        return {"HOME=/", "USER=root", "LOGNAME=root"};
     const std::string name = account->pw_name;
     return {"HOME=" + std::string(account->pw_dir), "USER=" + name, "LOGNAME=" + name};
 }
@@ -30,7 +32,8 @@ std::vector<std::string> accountVariables(const Target& target)
 void logLine(const std::string& line)
 {
     const OwnedFd log(::open("/var/log/install.log", O_WRONLY | O_APPEND | O_CLOEXEC));
-    if (log) writeAll(log.get(), line + "\n");
+    if (log)
+        writeAll(log.get(), line + "\n");
 }
 
 void runScript(const std::string& name, const Component& component, const Request& request)
@@ -58,7 +61,8 @@ void runScripts(const std::string& name, const std::vector<Component>& component
 {
     for (const Component& component : components) {
         struct stat status {};
-        if (component.scripts.empty()) continue;
+        if (component.scripts.empty())
+            continue;
         if (::stat((component.scripts + "/" + name).c_str(), &status) == 0)
             runScript(name, component, request);
     }

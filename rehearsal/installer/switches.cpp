@@ -43,9 +43,11 @@ Switches readSwitches()
 {
     Switches switches;
     const std::optional<std::string> content = readFile(controlFile);
-    if (!content && errno != ENOENT) failed("cannot read " + controlFile);
+    if (!content && errno != ENOENT)
+        failed("cannot read " + controlFile);
     for (const std::string& line : lines(content.value_or(""))) {
-        if (!takeLine(line, switches)) throw Failure(controlFile + ": unknown line \"" + line + "\"", 99);
+        if (!takeLine(line, switches))
+            throw Failure(controlFile + ": unknown line \"" + line + "\"", 99);
     }
     return switches;
 }

@@ -10,12 +10,14 @@ std::optional<Call> readCall(int count, char** arguments)
         const bool isVolume = argument == "--volume";
         const bool takesIdentifier =
             argument == "--pkg-info" || argument == "--files" || argument == "--forget";
-        if ((isVolume || takesIdentifier) && ++next == count) return std::nullopt;
+        if ((isVolume || takesIdentifier) && ++next == count)
+            return std::nullopt;
         if (isVolume) {
             call.volume = withoutEndSlash(arguments[next]);
             continue;
         }
-        if (!call.command.empty()) return std::nullopt;
+        if (!call.command.empty())
+            return std::nullopt;
         if (takesIdentifier) {
             call.command = argument;
             call.subject = arguments[next];
@@ -28,6 +30,7 @@ std::optional<Call> readCall(int count, char** arguments)
             return std::nullopt;
         }
     }
-    if (call.command.empty() || call.volume.empty()) return std::nullopt;
+    if (call.command.empty() || call.volume.empty())
+        return std::nullopt;
     return call;
 }

@@ -26,24 +26,30 @@ struct Value {
     [[nodiscard]] unsigned long asNumber() const
     {
         const std::optional<unsigned long> value = number(text);
-        if (!value) isWrong();
+        if (!value)
+            isWrong();
         return *value;
     }
     [[nodiscard]] int asStatus() const
     {
-        if (asNumber() > 255) isWrong();
+        if (asNumber() > 255)
+            isWrong();
         return static_cast<int>(asNumber());
     }
     [[nodiscard]] bool asAnswer() const
     {
-        if (text != "yes" && text != "no") isWrong();
+        if (text != "yes" && text != "no")
+            isWrong();
         return text == "yes";
     }
     [[nodiscard]] Behaviour::Match asMatch() const
     {
-        if (text == "whole") return Behaviour::Match::whole;
-        if (text == "prefix") return Behaviour::Match::prefix;
-        if (text != "anywhere") isWrong();
+        if (text == "whole")
+            return Behaviour::Match::whole;
+        if (text == "prefix")
+            return Behaviour::Match::prefix;
+        if (text != "anywhere")
+            isWrong();
         return Behaviour::Match::anywhere;
     }
     [[nodiscard]] int asSignal() const
@@ -55,7 +61,8 @@ struct Value {
                 return signal;
             }
         }
-        if (asNumber() == 0 || asNumber() >= NSIG) isWrong();
+        if (asNumber() == 0 || asNumber() >= NSIG)
+            isWrong();
         return static_cast<int>(asNumber());
     }
 };
@@ -83,9 +90,11 @@ constexpr std::pair<std::string_view, Setter> setters[] = {
 void apply(const Rule& rule, Behaviour& behaviour)
 {
     for (const auto& [name, text] : rule.actions) {
-        const auto* setter = std::find_if(std::begin(setters), std::end(setters),
-                                          [&](const auto& candidate) { return candidate.first == name; });
-        if (setter == std::end(setters)) badLine(rule.line, "there is no action \"" + name + "\"");
+        const auto* setter =
+            std::find_if(std::begin(setters), std::end(setters),
+                         [&wanted = name](const auto& candidate) { return candidate.first == wanted; });
+        if (setter == std::end(setters))
+            badLine(rule.line, "there is no action \"" + name + "\"");
         setter->second(behaviour, Value{rule, name, text});
     }
 }
@@ -103,7 +112,8 @@ Behaviour behaviourFor(const Call& call)
 {
     Behaviour behaviour;
     const OwnedFd fd(::open(controlFile, O_RDONLY | O_CLOEXEC));
-    if (!fd && errno == ENOENT) return behaviour;
+    if (!fd && errno == ENOENT)
+        return behaviour;
     struct stat status {};
     std::string content;
     if (!fd || ::fstat(fd.get(), &status) != 0 || !readAll(fd.get(), content)) {
@@ -122,7 +132,8 @@ Behaviour behaviourFor(const Call& call)
     for (std::size_t i = 0; i < rules.size(); ++i) {
         const bool byCall = !rules[i].call || rules[i].call->contains(numbers.call);
         const bool byNth = !rules[i].nth || rules[i].nth->contains(numbers.nth[i]);
-        if (byCall && byNth && selects(rules[i], call)) apply(rules[i], behaviour);
+        if (byCall && byNth && selects(rules[i], call))
+            apply(rules[i], behaviour);
     }
     return behaviour;
 }

@@ -40,16 +40,20 @@ Outcome unreadable(const std::string& what)
 bool matches(const regex_t& expression, const std::string& text, Behaviour::Match how)
 {
     regmatch_t found{};
-    if (::regexec(&expression, text.c_str(), 1, &found, 0) != 0) return false;
-    if (how == Behaviour::Match::anywhere) return true;
-    if (found.rm_so != 0) return false;
+    if (::regexec(&expression, text.c_str(), 1, &found, 0) != 0)
+        return false;
+    if (how == Behaviour::Match::anywhere)
+        return true;
+    if (found.rm_so != 0)
+        return false;
     return how == Behaviour::Match::prefix || found.rm_eo == static_cast<regoff_t>(text.size());
 }
 
 Outcome listAll(const Call& call, const Behaviour& behaviour)
 {
     std::optional<std::vector<std::string>> identifiers = listReceipts(call.volume);
-    if (!identifiers) return unreadable("the receipts of '" + call.volume + "'");
+    if (!identifiers)
+        return unreadable("the receipts of '" + call.volume + "'");
     pad(*identifiers, behaviour.padding);
     std::sort(identifiers->begin(), identifiers->end());
     const bool emptyHome = identifiers->empty() && call.volume != "/";
@@ -59,7 +63,8 @@ Outcome listAll(const Call& call, const Behaviour& behaviour)
 Outcome listMatching(const Call& call, const Behaviour& behaviour)
 {
     std::optional<std::vector<std::string>> identifiers = listReceipts(call.volume);
-    if (!identifiers) return unreadable("the receipts of '" + call.volume + "'");
+    if (!identifiers)
+        return unreadable("the receipts of '" + call.volume + "'");
     regex_t expression{};
     if (::regcomp(&expression, call.subject.c_str(), REG_EXTENDED) != 0) {
         return {"", "'" + call.subject + "' is not a regular expression.\n", 1};
@@ -79,14 +84,16 @@ Outcome noReceipt(const Call& call)
 
 Outcome missingOrUnreadable(const Call& call)
 {
-    if (errno == ENOENT || errno == ENOTDIR) return noReceipt(call);
+    if (errno == ENOENT || errno == ENOTDIR)
+        return noReceipt(call);
     return unreadable("the receipt of '" + call.subject + "'");
 }
 
 Outcome describe(const Call& call)
 {
     const std::optional<Receipt> receipt = readReceipt(call.volume, call.subject);
-    if (!receipt) return missingOrUnreadable(call);
+    if (!receipt)
+        return missingOrUnreadable(call);
     return {"package-id: " + call.subject + "\nversion: " + receipt->version + "\nvolume: " + call.volume +
                 "\nlocation: " + receipt->location + "\ninstall-time: " + receipt->installTime + "\n",
             "", 0};
@@ -101,7 +108,8 @@ std::string twinOf(const std::string& path)
 Outcome listFiles(const Call& call, const Behaviour& behaviour)
 {
     std::optional<Receipt> receipt = readReceipt(call.volume, call.subject);
-    if (!receipt) return missingOrUnreadable(call);
+    if (!receipt)
+        return missingOrUnreadable(call);
     std::vector<std::string>& paths = receipt->paths;
     const std::size_t own = paths.size();
     for (std::size_t i = 0; behaviour.twins && i < own; ++i) {
@@ -109,13 +117,15 @@ Outcome listFiles(const Call& call, const Behaviour& behaviour)
     }
     pad(paths, behaviour.padding);
     // A receipt written by hand may have an order of its own, which only additions may change.
-    if (paths.size() != own) std::sort(paths.begin(), paths.end(), standsBefore);
+    if (paths.size() != own)
+        std::sort(paths.begin(), paths.end(), standsBefore);
     return {listing(paths), "", 0};
 }
 
 Outcome forget(const Call& call, const Behaviour& behaviour)
 {
-    if (!readReceipt(call.volume, call.subject)) return missingOrUnreadable(call);
+    if (!readReceipt(call.volume, call.subject))
+        return missingOrUnreadable(call);
     if (behaviour.forget && ::unlink(receiptPath(call.volume, call.subject).c_str()) != 0) {
         return {"",
                 "Cannot forget '" + call.subject + "' at '" + call.volume + "': " + std::strerror(errno) +
@@ -129,9 +139,13 @@ Outcome forget(const Call& call, const Behaviour& behaviour)
 
 Outcome obey(const Call& call, const Behaviour& behaviour)
 {
-    if (call.command == "--pkgs") return listAll(call, behaviour);
-    if (call.command == "--pkgs=") return listMatching(call, behaviour);
-    if (call.command == "--pkg-info") return describe(call);
-    if (call.command == "--files") return listFiles(call, behaviour);
+    if (call.command == "--pkgs")
+        return listAll(call, behaviour);
+    if (call.command == "--pkgs=")
+        return listMatching(call, behaviour);
+    if (call.command == "--pkg-info")
+        return describe(call);
+    if (call.command == "--files")
+        return listFiles(call, behaviour);
     return forget(call, behaviour);
 }

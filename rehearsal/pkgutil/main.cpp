@@ -20,7 +20,8 @@ constexpr int statusBadControlFile = 99;
 void logCall(int count, char** arguments)
 {
     const OwnedFd log(::open("/var/log/pkgutil-stand-in.log", O_WRONLY | O_APPEND | O_CLOEXEC));
-    if (!log) return;
+    if (!log)
+        return;
     std::string line;
     for (int i = 1; i < count; ++i) {
         line += arguments[i];
@@ -49,7 +50,8 @@ void runShell(const std::string& command)
 
 void dieBy(int signal)
 {
-    if (signal == 0) return;
+    if (signal == 0)
+        return;
     const rlimit noCore{0, 0};
     ::setrlimit(RLIMIT_CORE, &noCore);
     std::signal(signal, SIG_DFL);
@@ -62,16 +64,20 @@ void dieBy(int signal)
 
 void spoil(Outcome& outcome, const Behaviour& behaviour)
 {
-    if (behaviour.longLine) outcome.output += std::string(*behaviour.longLine, 'x') + "\n";
+    if (behaviour.longLine)
+        outcome.output += std::string(*behaviour.longLine, 'x') + "\n";
     if (behaviour.replacement) {
         const std::optional<std::string> content = readFile(*behaviour.replacement);
         if (!content)
             throw BadControlFile("cannot read " + *behaviour.replacement + ": " + std::strerror(errno));
         outcome.output = *content;
     }
-    if (behaviour.cut) outcome.output.resize(std::min<std::size_t>(outcome.output.size(), *behaviour.cut));
-    if (behaviour.errorLine) outcome.errors.insert(0, *behaviour.errorLine + "\n");
-    if (behaviour.exitStatus) outcome.status = *behaviour.exitStatus;
+    if (behaviour.cut)
+        outcome.output.resize(std::min<std::size_t>(outcome.output.size(), *behaviour.cut));
+    if (behaviour.errorLine)
+        outcome.errors.insert(0, *behaviour.errorLine + "\n");
+    if (behaviour.exitStatus)
+        outcome.status = *behaviour.exitStatus;
 }
 
 int answer(const Call& call)

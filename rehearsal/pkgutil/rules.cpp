@@ -9,7 +9,8 @@ namespace {
 
 char unescaped(char letter)
 {
-    if (letter == 'n') return '\n';
+    if (letter == 'n')
+        return '\n';
     return letter == 't' ? '\t' : letter;
 }
 
@@ -25,7 +26,8 @@ std::vector<std::string> wordsOf(const std::string& text, unsigned line)
             inWord = false;
             continue;
         }
-        if (!inWord) words.emplace_back();
+        if (!inWord)
+            words.emplace_back();
         inWord = true;
         if (letter == '"') {
             quoted = !quoted;
@@ -35,7 +37,8 @@ std::vector<std::string> wordsOf(const std::string& text, unsigned line)
             words.back() += letter;
         }
     }
-    if (quoted) badLine(line, "a quote is not closed");
+    if (quoted)
+        badLine(line, "a quote is not closed");
     return words;
 }
 
@@ -43,11 +46,15 @@ Range rangeFrom(const std::string& value, unsigned line)
 {
     const std::size_t dash = value.find('-');
     const std::optional<unsigned long> first = number(value.substr(0, dash));
-    if (!first) badLine(line, "\"" + value + "\" is no number of a call");
-    if (dash == std::string::npos) return {*first, *first};
-    if (dash + 1 == value.size()) return {*first, ~0UL};
+    if (!first)
+        badLine(line, "\"" + value + "\" is no number of a call");
+    if (dash == std::string::npos)
+        return {*first, *first};
+    if (dash + 1 == value.size())
+        return {*first, ~0UL};
     const std::optional<unsigned long> last = number(value.substr(dash + 1));
-    if (!last) badLine(line, "\"" + value + "\" is no range of calls");
+    if (!last)
+        badLine(line, "\"" + value + "\" is no range of calls");
     return {*first, *last};
 }
 
@@ -91,7 +98,8 @@ Rule ruleFrom(const std::vector<std::string>& words, unsigned line)
             continue;
         }
         const std::size_t equals = word.find('=');
-        if (equals == std::string::npos) badLine(line, "\"" + word + "\" has no \"=\"");
+        if (equals == std::string::npos)
+            badLine(line, "\"" + word + "\" has no \"=\"");
         const std::string name = word.substr(0, equals);
         const std::string value = word.substr(equals + 1);
         if (selecting) {
@@ -100,7 +108,8 @@ Rule ruleFrom(const std::vector<std::string>& words, unsigned line)
             rule.actions.emplace_back(name, value);
         }
     }
-    if (rule.actions.empty()) badLine(line, "no \"do\" with an action after it");
+    if (rule.actions.empty())
+        badLine(line, "no \"do\" with an action after it");
     return rule;
 }
 
@@ -128,7 +137,8 @@ bool selects(const Rule& rule, const Call& call)
         std::find(rule.commands.begin(), rule.commands.end(), call.command) == rule.commands.end()) {
         return false;
     }
-    if (rule.id && (call.command == "--pkgs" || !matches(*rule.id, call.subject))) return false;
+    if (rule.id && (call.command == "--pkgs" || !matches(*rule.id, call.subject)))
+        return false;
     return !rule.volume || matches(*rule.volume, call.volume);
 }
 

@@ -27,7 +27,8 @@ std::string groupTable(const std::string& machine)
 void becomeAccount(const std::string& name)
 {
     const passwd* account = ::getpwnam(name.c_str());
-    if (account == nullptr) throw Failure(statusFailed, "no account " + name + " in the root");
+    if (account == nullptr)
+        throw Failure(statusFailed, "no account " + name + " in the root");
     if (::initgroups(account->pw_name, account->pw_gid) != 0 ||
         ::setresgid(account->pw_gid, account->pw_gid, account->pw_gid) != 0 ||
         ::setresuid(account->pw_uid, account->pw_uid, account->pw_uid) != 0) {

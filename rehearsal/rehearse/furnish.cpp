@@ -20,7 +20,8 @@ namespace {
 void putDirectory(const Root& root, const std::string& path, uid_t uid, gid_t gid, mode_t mode)
 {
     const std::string place = placeFor(root, path);
-    if (::mkdir(place.c_str(), mode) != 0 && errno != EEXIST) failed("cannot make " + path);
+    if (::mkdir(place.c_str(), mode) != 0 && errno != EEXIST)
+        failed("cannot make " + path);
     if (::chown(place.c_str(), uid, gid) != 0 || ::chmod(place.c_str(), mode) != 0) {
         failed("cannot set owner and mode of " + path);
     }
@@ -28,7 +29,8 @@ void putDirectory(const Root& root, const std::string& path, uid_t uid, gid_t gi
 
 void putFile(const Root& root, const std::string& path, const std::string& content, mode_t mode)
 {
-    if (!writeFile(placeFor(root, path), content, mode)) failed("cannot write " + path);
+    if (!writeFile(placeFor(root, path), content, mode))
+        failed("cannot write " + path);
 }
 
 void putProgram(const Root& root, const std::string& path, int source)
@@ -36,24 +38,29 @@ void putProgram(const Root& root, const std::string& path, int source)
     struct stat status {};
     const OwnedFd target(
         ::open(placeFor(root, path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0755));
-    if (!target || ::fstat(source, &status) != 0) failed("cannot write " + path);
+    if (!target || ::fstat(source, &status) != 0)
+        failed("cannot write " + path);
     off_t offset = 0;
     while (offset < status.st_size) {
         const auto left = static_cast<std::size_t>(status.st_size - offset);
-        if (::sendfile(target.get(), source, &offset, left) <= 0) failed("cannot write " + path);
+        if (::sendfile(target.get(), source, &offset, left) <= 0)
+            failed("cannot write " + path);
     }
 }
 
 // On a machine that is itself such a root there may be something to hide, so that every root begins alike.
 void hideFile(const Root& root, const std::string& path)
 {
-    if (::access(path.c_str(), F_OK) != 0) return;
-    if (::mknod(placeFor(root, path).c_str(), S_IFCHR, 0) != 0) failed("cannot hide " + path);
+    if (::access(path.c_str(), F_OK) != 0)
+        return;
+    if (::mknod(placeFor(root, path).c_str(), S_IFCHR, 0) != 0)
+        failed("cannot hide " + path);
 }
 
 void hideContent(const Root& root, const std::string& path)
 {
-    if (::access(path.c_str(), F_OK) != 0) return;
+    if (::access(path.c_str(), F_OK) != 0)
+        return;
     const char* name = root.userNamespace ? "user.overlay.opaque" : "trusted.overlay.opaque";
     if (::setxattr(placeFor(root, path).c_str(), name, "y", 1, 0) != 0)
         failed("cannot hide the content of " + path);
@@ -73,7 +80,8 @@ void putAccounts(const Root& root)
 {
     const std::optional<std::string> users = readFile("/etc/passwd");
     const std::optional<std::string> groups = readFile("/etc/group");
-    if (!users || !groups) failed("cannot read the machine's accounts");
+    if (!users || !groups)
+        failed("cannot read the machine's accounts");
     putFile(root, "/etc/passwd", accountTable(*users), 0644);
     putFile(root, "/etc/group", groupTable(*groups), 0644);
 }
@@ -91,7 +99,8 @@ void putReceipts(const Root& root)
 
 void putConsole(const Root& root, const std::string& console)
 {
-    if (console == "absent") return;
+    if (console == "absent")
+        return;
     const std::string active =
         console == "none" ? "" : "ACTIVE=1\nACTIVE_UID=" + console + "\nSESSIONS=1\nUIDS=" + console + "\n";
     putFile(root, "/run/systemd/seats/seat0", "IS_SEAT0=1\nCAN_TTY=1\nCAN_GRAPHICAL=1\n" + active, 0644);
@@ -100,7 +109,8 @@ void putConsole(const Root& root, const std::string& console)
 OwnedFd openStandIn(const std::string& path)
 {
     OwnedFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) failed("cannot open " + path);
+    if (!fd)
+        failed("cannot open " + path);
     return fd;
 }
 
@@ -110,7 +120,8 @@ StandIns openStandIns()
 {
     char path[PATH_MAX];
     const ssize_t length = ::readlink("/proc/self/exe", path, sizeof path);
-    if (length <= 0) failed("cannot tell where this program lies");
+    if (length <= 0)
+        failed("cannot tell where this program lies");
     const std::string own(path, static_cast<std::size_t>(length));
     const std::string directory = own.substr(0, own.rfind('/') + 1);
     return {openStandIn(directory + "pkgutil"), openStandIn(directory + "installer")};

@@ -51,7 +51,8 @@ bool isDeep(const std::string& path)
 std::vector<TopEntry> topEntries()
 {
     const std::unique_ptr<DIR, CloseDirectory> directory(::opendir("/"));
-    if (!directory) refused("cannot list /");
+    if (!directory)
+        refused("cannot list /");
     std::vector<TopEntry> entries;
     while (const dirent* entry = ::readdir(directory.get())) {
         const std::string name = entry->d_name;
@@ -62,7 +63,8 @@ std::vector<TopEntry> topEntries()
         if (S_ISLNK(status.st_mode)) {
             char target[PATH_MAX];
             const ssize_t length = ::readlink(path.c_str(), target, sizeof target);
-            if (length > 0) entries.push_back({name, std::string(target, static_cast<std::size_t>(length))});
+            if (length > 0)
+                entries.push_back({name, std::string(target, static_cast<std::size_t>(length))});
         } else if (S_ISDIR(status.st_mode)) {
             entries.push_back({name, ""});
         }
@@ -75,13 +77,16 @@ std::vector<TopEntry> topEntries()
 std::vector<std::string> deepMounts()
 {
     const std::optional<std::string> table = readFile("/proc/self/mountinfo");
-    if (!table) refused("cannot read /proc/self/mountinfo");
+    if (!table)
+        refused("cannot read /proc/self/mountinfo");
     std::vector<std::string> paths;
     for (const std::string& line : lines(*table)) {
         const std::vector<std::string> fields = split(line, ' ');
-        if (fields.size() < 5) continue;
+        if (fields.size() < 5)
+            continue;
         const std::string path = unescaped(fields[4]);
-        if (isDeep(path) && std::find(paths.begin(), paths.end(), path) == paths.end()) paths.push_back(path);
+        if (isDeep(path) && std::find(paths.begin(), paths.end(), path) == paths.end())
+            paths.push_back(path);
     }
     return paths;
 }

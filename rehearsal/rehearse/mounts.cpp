@@ -19,14 +19,17 @@ const std::string memory = "/run";
 
 void makeDirectory(const std::string& path, mode_t mode)
 {
-    if (::mkdir(path.c_str(), mode) != 0 && errno != EEXIST) refused("cannot make " + path);
-    if (::chmod(path.c_str(), mode) != 0) refused("cannot set the mode of " + path);
+    if (::mkdir(path.c_str(), mode) != 0 && errno != EEXIST)
+        refused("cannot make " + path);
+    if (::chmod(path.c_str(), mode) != 0)
+        refused("cannot set the mode of " + path);
 }
 
 void mountOn(const std::string& source, const std::string& target, const char* type, unsigned long flags,
              const std::string& data, const std::string& step)
 {
-    if (::mount(source.c_str(), target.c_str(), type, flags, data.c_str()) != 0) refused(step);
+    if (::mount(source.c_str(), target.c_str(), type, flags, data.c_str()) != 0)
+        refused(step);
 }
 
 // In a user namespace all owners without an id there look like this one, and most of them are root.
@@ -37,10 +40,12 @@ void makeAlike(const std::string& path, const std::string& model)
     struct stat status {};
     const bool known = ::stat(model.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
     makeDirectory(path, 0755);
-    if (!known) return;
+    if (!known)
+        return;
     const uid_t uid = status.st_uid == unknownId ? 0 : status.st_uid;
     const gid_t gid = status.st_gid == unknownId ? 0 : status.st_gid;
-    if (::chown(path.c_str(), uid, gid) != 0) refused("cannot set the owner of " + path);
+    if (::chown(path.c_str(), uid, gid) != 0)
+        refused("cannot set the owner of " + path);
     makeDirectory(path, status.st_mode & 07777);
 }
 
@@ -70,15 +75,18 @@ void cover(const Root& root, const Layer& layer)
 {
     // Descriptors keep commas and colons in a path from being read as separators of the mount options.
     const OwnedFd lower(::open(layer.path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!lower) refused("cannot open " + layer.path);
+    if (!lower)
+        refused("cannot open " + layer.path);
     const std::string place = layer.upper.substr(0, layer.upper.rfind('/'));
     const std::string data = "lowerdir=/proc/self/fd/" + std::to_string(lower.get()) + ",upperdir=" + place +
                              "/upper,workdir=" + place + "/work" + (root.userNamespace ? ",userxattr" : "");
     const std::string target = root.top + layer.path;
     // One device number for files and directories alike, as on any plain file system; not every pair of file
     // systems can do that.
-    if (::mount("rehearsal", target.c_str(), "overlay", 0, (data + ",xino=on").c_str()) == 0) return;
-    if (::mount("rehearsal", target.c_str(), "overlay", 0, data.c_str()) == 0) return;
+    if (::mount("rehearsal", target.c_str(), "overlay", 0, (data + ",xino=on").c_str()) == 0)
+        return;
+    if (::mount("rehearsal", target.c_str(), "overlay", 0, data.c_str()) == 0)
+        return;
     // The kernel allows two overlays on top of each other, and says no more than this about a third.
     refused("cannot lay an overlay over " + layer.path +
             (errno == EINVAL ? " (which may be one of overlays already, or hide a mount)" : ""));
@@ -107,11 +115,13 @@ void coverAll(const Root& root)
 {
     std::string shown; // the last directory that is shown with everything mounted in it
     for (const Layer& layer : root.layers) {
-        if (!shown.empty() && isWithin(layer.path, shown)) continue;
+        if (!shown.empty() && isWithin(layer.path, shown))
+            continue;
         try {
             cover(root, layer);
         } catch (const Failure&) {
-            if (isNeeded(layer)) throw;
+            if (isNeeded(layer))
+                throw;
             showReadOnly(root, layer);
             shown = layer.path;
         }
@@ -125,7 +135,8 @@ void mountSystem(const Root& root)
     }
     mountOn("proc", root.top + "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, "", "cannot mount /proc");
     struct stat status {};
-    if (::stat((root.top + "/dev/shm").c_str(), &status) != 0) return;
+    if (::stat((root.top + "/dev/shm").c_str(), &status) != 0)
+        return;
     makeDirectory(memory + "/shm", 01777);
     mountOn(memory + "/shm", root.top + "/dev/shm", nullptr, MS_BIND, "", "cannot mount /dev/shm");
 }
@@ -170,7 +181,8 @@ Root prepareRoot(const Options& options, bool userNamespace)
     for (const char* name : {"/dev", "/proc", "/run", "/sys", "/Library", "/Users"}) {
         makeDirectory(root.top + name, 0755);
     }
-    if (options.ownDevices) separateDevices(root, options.size);
+    if (options.ownDevices)
+        separateDevices(root, options.size);
     for (const TopEntry& entry : entries) {
         const std::string path = "/" + entry.name;
         if (!entry.target.empty()) {
@@ -180,7 +192,8 @@ Root prepareRoot(const Options& options, bool userNamespace)
         }
         makeAlike(root.top + path, path);
         std::error_code unreadable;
-        if (!std::filesystem::is_empty(path, unreadable)) addLayer(root, path);
+        if (!std::filesystem::is_empty(path, unreadable))
+            addLayer(root, path);
     }
     for (const std::string& path : deep) {
         addLayer(root, path);
@@ -203,7 +216,8 @@ std::string placeFor(const Root& root, const std::string& path)
         const std::string step = directory.substr(0, end);
         const std::string target = place + step.substr(layer != nullptr ? layer->path.size() : 0);
         struct stat status {};
-        if (::lstat(target.c_str(), &status) != 0) makeAlike(target, own ? "" : step);
+        if (::lstat(target.c_str(), &status) != 0)
+            makeAlike(target, own ? "" : step);
     }
     return place + directory.substr(layer != nullptr ? layer->path.size() : 0) + "/" +
            wanted.filename().string();
@@ -214,9 +228,13 @@ void enterRoot(const Root& root, const Options& options)
     coverAll(root);
     mountSystem(root);
     mountShares(root, options.shares);
-    if (::chdir(root.top.c_str()) != 0) refused("cannot enter the root");
+    if (::chdir(root.top.c_str()) != 0)
+        refused("cannot enter the root");
     // With "." for both, the machine's root ends up on top of the new one and can be taken off by name.
-    if (::syscall(SYS_pivot_root, ".", ".") != 0) refused("cannot change the root");
-    if (::umount2(".", MNT_DETACH) != 0) refused("cannot leave the machine's root");
-    if (::chdir("/") != 0) refused("cannot enter the root");
+    if (::syscall(SYS_pivot_root, ".", ".") != 0)
+        refused("cannot change the root");
+    if (::umount2(".", MNT_DETACH) != 0)
+        refused("cannot leave the machine's root");
+    if (::chdir("/") != 0)
+        refused("cannot enter the root");
 }

@@ -33,8 +33,10 @@ std::string sizeFrom(const std::string& value)
 std::string shareFrom(const std::string& value)
 {
     const std::unique_ptr<char, decltype(&std::free)> path(::realpath(value.c_str(), nullptr), &std::free);
-    if (!path) throw Failure(statusFailed, "cannot share " + value + ": " + std::strerror(errno));
-    if (std::string(path.get()) == "/") wrongUsage("--share / would leave nothing to throw away");
+    if (!path)
+        throw Failure(statusFailed, "cannot share " + value + ": " + std::strerror(errno));
+    if (std::string(path.get()) == "/")
+        wrongUsage("--share / would leave nothing to throw away");
     return path.get();
 }
 
@@ -45,12 +47,14 @@ Options readOptions(int count, char** arguments)
     Options options;
     int next = 1;
     const auto value = [&](const std::string& option) -> std::string {
-        if (next == count) wrongUsage(option + " needs a value");
+        if (next == count)
+            wrongUsage(option + " needs a value");
         return arguments[next++];
     };
     while (next < count && arguments[next][0] == '-') {
         const std::string option = arguments[next++];
-        if (option == "--") break;
+        if (option == "--")
+            break;
         if (option == "--user") {
             options.user = value(option);
         } else if (option == "--console") {
@@ -68,7 +72,8 @@ Options readOptions(int count, char** arguments)
             wrongUsage("unknown option " + option);
         }
     }
-    if (next == count) wrongUsage("no command to run");
+    if (next == count)
+        wrongUsage("no command to run");
     options.command.assign(arguments + next, arguments + count);
     options.command.push_back(nullptr);
     return options;

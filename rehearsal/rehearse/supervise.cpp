@@ -58,12 +58,14 @@ int waitFor(pid_t child)
         int status = 0;
         for (pid_t ended = ::waitpid(-1, &status, WNOHANG); ended > 0;
              ended = ::waitpid(-1, &status, WNOHANG)) {
-            if (ended != child) continue;
+            if (ended != child)
+                continue;
             return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
         }
         siginfo_t info{};
         const int signal = ::sigwaitinfo(&waited, &info);
-        if (signal > 0 && signal != SIGCHLD && info.si_code != SI_KERNEL) ::kill(child, signal);
+        if (signal > 0 && signal != SIGCHLD && info.si_code != SI_KERNEL)
+            ::kill(child, signal);
     }
 }
 
@@ -71,8 +73,10 @@ int waitFor(pid_t child)
 {
     try {
         // Where the account may not go, it would not have been when the command was started there either.
-        if (::chdir(inherited.directory.c_str()) != 0 && ::chdir("/") != 0) refused("cannot enter /");
-        if (!options.user.empty()) becomeAccount(options.user);
+        if (::chdir(inherited.directory.c_str()) != 0 && ::chdir("/") != 0)
+            refused("cannot enter /");
+        if (!options.user.empty())
+            becomeAccount(options.user);
         ::umask(inherited.mask);
         ::sigprocmask(SIG_SETMASK, &inherited.signals, nullptr);
         ::execvp(options.command[0], options.command.data());
@@ -88,13 +92,16 @@ int waitFor(pid_t child)
 void dependOnParent(int lifeline)
 {
     char ready = 0;
-    if (::read(lifeline, &ready, 1) != 1) ::_exit(statusCannotEnter);
-    if (::setresgid(0, 0, 0) != 0 || ::setresuid(0, 0, 0) != 0) refused("cannot become root");
+    if (::read(lifeline, &ready, 1) != 1)
+        ::_exit(statusCannotEnter);
+    if (::setresgid(0, 0, 0) != 0 || ::setresuid(0, 0, 0) != 0)
+        refused("cannot become root");
     // Changing ids forgets this setting, so it comes after them; a parent that died before leaves the pipe
     // closed.
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     pollfd end{lifeline, POLLIN, 0};
-    if (::poll(&end, 1, 0) > 0) ::_exit(statusCannotEnter);
+    if (::poll(&end, 1, 0) > 0)
+        ::_exit(statusCannotEnter);
 }
 
 [[noreturn]] void runRoot(const Options& options, const StandIns& standIns, const Inherited& inherited,
@@ -106,8 +113,10 @@ void dependOnParent(int lifeline)
         furnish(root, standIns, options.console);
         enterRoot(root, options);
         const pid_t command = ::fork();
-        if (command < 0) refused("cannot start a process");
-        if (command == 0) runCommand(options, inherited);
+        if (command < 0)
+            refused("cannot start a process");
+        if (command == 0)
+            runCommand(options, inherited);
         ::_exit(waitFor(command));
     } catch (const Failure& failure) {
         std::fprintf(stderr, "rehearse: %s\n", failure.what());
@@ -129,7 +138,8 @@ int superviseCommand(const Options& options, const StandIns& standIns)
 {
     const Inherited inherited = takeOver();
     int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) refused("cannot make a pipe");
+    if (::pipe2(ends, O_CLOEXEC) != 0)
+        refused("cannot make a pipe");
     OwnedFd lifeline(ends[0]);
     OwnedFd parentEnd(ends[1]);
 
@@ -138,14 +148,18 @@ int superviseCommand(const Options& options, const StandIns& standIns)
     if (child < 0 && errno == EPERM) {
         userNamespace = true;
         child = startIn(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID);
-        if (child < 0) refused("needs root, or the right to make a user namespace");
+        if (child < 0)
+            refused("needs root, or the right to make a user namespace");
     }
-    if (child < 0) refused("cannot make a mount and a process-id namespace");
+    if (child < 0)
+        refused("cannot make a mount and a process-id namespace");
     if (child == 0) {
         parentEnd = OwnedFd();
         runRoot(options, standIns, inherited, lifeline.get(), userNamespace);
     }
-    if (userNamespace) mapIds(child); // if it throws, the pipe closes and the child ends
-    if (::write(parentEnd.get(), "", 1) != 1) refused("cannot start the root");
+    if (userNamespace)
+        mapIds(child); // if it throws, the pipe closes and the child ends
+    if (::write(parentEnd.get(), "", 1) != 1)
+        refused("cannot start the root");
     return waitFor(child);
 }

@@ -50,8 +50,10 @@ void mapRange(pid_t child, const Kind& kind)
     const std::string name = account != nullptr ? account->pw_name : "";
     for (const std::string& line : lines(readFile(kind.ranges).value_or(""))) {
         const std::vector<std::string> fields = split(line, ':');
-        if (fields.size() != 3 || (fields[0] != name && fields[0] != std::to_string(::geteuid()))) continue;
-        if (number(fields[2]).value_or(0) < highestId) continue;
+        if (fields.size() != 3 || (fields[0] != name && fields[0] != std::to_string(::geteuid())))
+            continue;
+        if (number(fields[2]).value_or(0) < highestId)
+            continue;
         const std::array<std::string, 8> words = {
             kind.program, std::to_string(child), "0", std::to_string(kind.own), "1", "1", fields[1],
             fields[2]};

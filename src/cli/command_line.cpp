@@ -15,6 +15,7 @@
 #include <array>
 #include <exception>
 #include <fcntl.h>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
@@ -34,8 +35,6 @@ public:
 
 constexpr std::array<std::string_view, 5> descriptorCommands = {"inspect", "prepare-move", "commit-move",
                                                                 "rollback-move", "uninstall-product"};
-
-bool isScope(std::string_view word) { return word == "user" || word == "system"; }
 
 bool isDescriptorCommand(std::string_view word)
 {
@@ -61,7 +60,7 @@ void locateDescriptor(const std::string& scope, const std::string& id)
     const OwnedFd inbox = walkFixedDirectory(scope, parentOf(place.relative));
     if (!inbox)
         throw DescriptorNotLocated("maintenance descriptor directory is missing or unsafe");
-    struct stat status{};
+    struct stat status = {};
     if (::fstatat(inbox.get(), nameOf(place.relative).c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
         !S_ISREG(status.st_mode) || status.st_nlink != 1)
         throw DescriptorNotLocated("maintenance descriptor is missing or unsafe");

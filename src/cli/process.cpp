@@ -2,10 +2,11 @@
 
 #include "fs/publish.h"
 
+#include <array>
 #include <csignal>
 #include <fcntl.h>
 #include <stdexcept>
-#include <string>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace maintenance {
@@ -18,7 +19,8 @@ void prepareProcess()
         if (::fcntl(descriptor, F_GETFD) == -1 && ::open("/dev/null", O_RDONLY) != descriptor)
             ::_exit(70);
     std::signal(SIGCHLD, SIG_DFL);
-    std::signal(SIGXFSZ, SIG_IGN);
+    // Handled rather than ignored, so that no child inherits it.
+    std::signal(SIGXFSZ, [](int) {});
 }
 
 void writeResult(std::string_view result)
@@ -32,7 +34,11 @@ void writeResult(std::string_view result)
 void writeMessage(std::string_view message)
 {
     std::signal(SIGPIPE, SIG_IGN);
-    writeAll(STDERR_FILENO, std::string(message) + "\n");
+    // One call and no allocation: this may be what is left to do when memory has run out.
+    char lineFeed = '\n';
+    std::array<iovec, 2> line = {iovec{const_cast<char*>(message.data()), message.size()},
+                                 iovec{&lineFeed, 1}};
+    [[maybe_unused]] const ssize_t written = ::writev(STDERR_FILENO, line.data(), line.size());
 }
 
 } // namespace maintenance

@@ -14,8 +14,10 @@ namespace maintenance {
 /// of its scope; times and attributes are not carried.
 ///
 /// expectedHash  the digest text that the content must have; nothing compares nothing
-/// throws        Invalid "transaction source is missing or unsafe"  no single-linked regular file, or
-///                       exchanged or changed while it was copied
+/// throws        Invalid "transaction source is missing or unsafe"  no single-linked regular file,
+///                       exchanged or changed while it was copied, or in
+///                       the user scope another account's and not readable
+///                       for all
 ///               Invalid "cannot read transaction source"           it cannot be opened or read
 ///               Invalid "transaction source hash is wrong"
 ///               what publishAtomically throws; std::runtime_error "cannot write fixed metadata"
@@ -23,8 +25,8 @@ namespace maintenance {
 void copyFixed(const FixedPlace& source, const FixedPlace& destination,
                const std::optional<std::string>& expectedHash);
 
-/// Copies one regular file between absolute paths: by copyFixed where both lie in a scope. A copy to a place
-/// outside both scopes is made beside it and renamed over it, with mode 0600.
+/// Copies one regular file between absolute paths as copyFixed does. A copy to a place outside both scopes is
+/// made beside it and renamed over it, with mode 0600.
 ///
 /// throws  what copyFixed throws
 ///         std::runtime_error "cannot secure transaction directory", "cannot secure transaction copy"

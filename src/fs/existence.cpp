@@ -9,7 +9,7 @@ bool meansAbsence(int error) { return error == ENOENT || error == ENOTDIR; }
 
 std::optional<struct stat> linkStatus(const std::filesystem::path& path)
 {
-    struct stat status{};
+    struct stat status = {};
     if (::lstat(path.c_str(), &status) == 0)
         return status;
     if (meansAbsence(errno))

@@ -6,6 +6,7 @@
 #include "validate/text_fields.h"
 
 #include <fcntl.h>
+#include <stdexcept>
 #include <sys/stat.h>
 #include <vector>
 
@@ -27,13 +28,21 @@ bool isPlainName(const std::string& component)
            component.find('\0') == std::string::npos;
 }
 
+/// Opens a scope's root. A final "/" would make the system follow a link in the root's place.
+OwnedFd openScopeRoot(const std::string& scope)
+{
+    std::string root = scopeRoot(scope);
+    while (root.size() > 1 && root.back() == '/')
+        root.pop_back();
+    return OwnedFd(::open(root.c_str(), directoryFlags));
+}
+
 /// Makes one missing component and opens it, owned by the scope's owner and durable.
 OwnedFd createComponent(const OwnedFd& parent, const std::string& name, const std::string& scope)
 {
     const uid_t owner = scopeOwner(scope);
-    const int made = withOwnersPower(parent.get(), owner, [&] {
-        return ::mkdirat(parent.get(), name.c_str(), createdDirectoryMode);
-    });
+    const int made = withOwnersPower(
+        parent.get(), owner, [&] { return ::mkdirat(parent.get(), name.c_str(), createdDirectoryMode); });
     if (made != 0 && errno != EEXIST)
         throw Invalid("cannot create fixed maintenance directory");
     OwnedFd created = walkOneDirectory(parent.get(), name);
@@ -41,7 +50,7 @@ OwnedFd createComponent(const OwnedFd& parent, const std::string& name, const st
         throw Invalid("fixed maintenance directory is missing or redirected");
     assignCreatedOwner(parent.get(), created.get(), scope);
     if (!synchronize(parent.get(), Durability::Copy))
-        throw Invalid("cannot create fixed maintenance directory");
+        throw std::runtime_error("cannot synchronize fixed metadata directory");
     return created;
 }
 
@@ -49,7 +58,7 @@ OwnedFd createComponent(const OwnedFd& parent, const std::string& name, const st
 
 OwnedFd openFixedDirectory(const std::string& scope, std::string_view relativePath, bool create, bool check)
 {
-    OwnedFd current(::open(scopeRoot(scope).c_str(), directoryFlags));
+    OwnedFd current = openScopeRoot(scope);
     if (!current)
         throw Invalid("scope root is missing or unsafe");
     if (check)
@@ -78,7 +87,7 @@ OwnedFd walkOneDirectory(int parent, const std::string& name)
 
 OwnedFd walkFixedDirectory(const std::string& scope, std::string_view relativePath)
 {
-    OwnedFd current(::open(scopeRoot(scope).c_str(), directoryFlags));
+    OwnedFd current = openScopeRoot(scope);
     for (const std::string& name : components(relativePath)) {
         if (!current)
             break;
@@ -89,7 +98,7 @@ OwnedFd walkFixedDirectory(const std::string& scope, std::string_view relativePa
 
 void checkDirectory(int descriptor, const std::string& scope)
 {
-    struct stat status{};
+    struct stat status = {};
     constexpr mode_t examined = S_IFMT | S_IWGRP | S_IWOTH;
     if (::fstat(descriptor, &status) != 0 || (status.st_mode & examined) != S_IFDIR)
         throw Invalid("maintenance directory ownership or mode is unsafe");
@@ -102,12 +111,11 @@ void assignCreatedOwner(int directory, int descriptor, const std::string& scope)
     const uid_t owner = scopeOwner(scope);
     if (owner == ::getuid())
         return;
-    struct stat status{};
+    struct stat status = {};
     if (::fstat(descriptor, &status) == 0 && status.st_uid == owner)
         return;
-    const int given = withOwnersPower(directory, owner, [&] {
-        return ::fchown(descriptor, owner, static_cast<gid_t>(-1));
-    });
+    const int given = withOwnersPower(directory, owner,
+                                      [&] { return ::fchown(descriptor, owner, static_cast<gid_t>(-1)); });
     if (given != 0)
         throw Invalid("cannot assign fixed maintenance ownership");
 }

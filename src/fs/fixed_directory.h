@@ -19,6 +19,7 @@ namespace maintenance {
 ///               Invalid "fixed maintenance directory is missing or redirected"  a component is missing
 ///                       (without `create`), a link, no directory, empty, "." or ".."
 ///               Invalid "cannot create fixed maintenance directory"
+///               std::runtime_error "cannot synchronize fixed metadata directory"
 ///               what assignCreatedOwner, checkDirectory and invokingHome throw
 /// Directories made before a failure stay: they are rightly owned and the next run uses them.
 OwnedFd openFixedDirectory(const std::string& scope, std::string_view relativePath, bool create, bool check);

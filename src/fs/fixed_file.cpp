@@ -1,6 +1,8 @@
 #include "fs/fixed_file.h"
 
 #include "fs/fixed_directory.h"
+#include "fs/held_locks.h"
+#include "fs/sha256.h"
 #include "platform/stat_times.h"
 #include "validate/invalid.h"
 #include "validate/text_fields.h"
@@ -34,12 +36,6 @@ bool sameTime(const timespec& one, const timespec& other)
     return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
 }
 
-bool sameContent(const struct stat& before, const struct stat& after)
-{
-    return before.st_size == after.st_size && sameTime(modificationTime(before), modificationTime(after)) &&
-           sameTime(statusChangeTime(before), statusChangeTime(after));
-}
-
 /// Examines the entry `name` of `directory`; throws Invalid `unsafe` when there is none.
 ExaminedFile examine(OwnedFd directory, std::string name, const std::string& unsafe)
 {
@@ -53,7 +49,7 @@ ExaminedFile examine(OwnedFd directory, std::string name, const std::string& uns
 /// Says why `name`, which should be a directory on the way to an owned file, cannot be entered.
 [[noreturn]] void refuseOwnedComponent(int directory, const std::string& name)
 {
-    struct stat status{};
+    struct stat status = {};
     if (::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
         throw Invalid("owned file is missing");
     if (S_ISLNK(status.st_mode))
@@ -79,6 +75,14 @@ OwnedFd openOwnedParent(const FixedPlace& place)
 }
 
 } // namespace
+
+bool isUnchanged(const OpenFile& file)
+{
+    struct stat now = {};
+    return ::fstat(file.descriptor.get(), &now) == 0 && now.st_size == file.status.st_size &&
+           sameTime(modificationTime(now), modificationTime(file.status)) &&
+           sameTime(statusChangeTime(now), statusChangeTime(file.status));
+}
 
 bool sameFile(const struct stat& one, const struct stat& other)
 {
@@ -108,9 +112,14 @@ OpenFile openExamined(const ExaminedFile& file, const std::string& unreadable, c
     OpenFile opened{OwnedFd(::openat(file.directory.get(), file.name.c_str(), readFlags)), {}};
     if (!opened.descriptor)
         throw Invalid(unreadable);
-    if (::fstat(opened.descriptor.get(), &opened.status) != 0 || !sameFile(opened.status, file.status) ||
-        opened.status.st_mode != file.status.st_mode || opened.status.st_nlink != file.status.st_nlink ||
-        opened.status.st_uid != file.status.st_uid || opened.status.st_size != file.status.st_size)
+    const bool examined = ::fstat(opened.descriptor.get(), &opened.status) == 0;
+    if (examined && isHeldLock(opened.status)) {
+        (void)opened.descriptor.release();
+        throw Invalid(exchanged);
+    }
+    if (!examined || !sameFile(opened.status, file.status) || opened.status.st_mode != file.status.st_mode ||
+        opened.status.st_nlink != file.status.st_nlink || opened.status.st_uid != file.status.st_uid ||
+        opened.status.st_size != file.status.st_size)
         throw Invalid(exchanged);
     return opened;
 }
@@ -137,8 +146,7 @@ std::string readContent(const OpenFile& file, const std::string& subject)
         if (content.size() > limit)
             throw Invalid(subject + " changed while being read");
     }
-    struct stat after{};
-    if (::fstat(file.descriptor.get(), &after) != 0 || !sameContent(file.status, after))
+    if (!isUnchanged(file))
         throw Invalid(subject + " changed while being read");
     return content;
 }
@@ -146,13 +154,13 @@ std::string readContent(const OpenFile& file, const std::string& subject)
 std::string readFixedRegular(const FixedPlace& place, const std::string& subject)
 {
     const std::string unsafe = subject + " is missing or unsafe";
-    const ExaminedFile file = examine(
-        openFixedDirectory(place.scope, parentOf(place.relative), false, true), nameOf(place.relative), unsafe);
+    const ExaminedFile file = examine(openFixedDirectory(place.scope, parentOf(place.relative), false, true),
+                                      nameOf(place.relative), unsafe);
     if (!isSafeMetadata(file.status, scopeOwner(place.scope)))
         throw Invalid(unsafe);
-    return readContent(openExamined(file, subject + " cannot be opened safely",
-                                    subject + " changed during validation"),
-                       subject);
+    return readContent(
+        openExamined(file, subject + " cannot be opened safely", subject + " changed during validation"),
+        subject);
 }
 
 std::string readText(const FixedPlace& place, const std::string& subject)
@@ -167,12 +175,19 @@ std::string readText(const std::filesystem::path& path, const std::string& scope
 
 OpenFile safeFile(const FixedPlace& place)
 {
-    const ExaminedFile file = examine(openOwnedParent(place), nameOf(place.relative), "owned file is missing");
+    const ExaminedFile file =
+        examine(openOwnedParent(place), nameOf(place.relative), "owned file is missing");
     if (S_ISLNK(file.status.st_mode))
         throw Invalid("owned path contains a symbolic link");
     if (!isSingleLinkedRegular(file.status))
         throw Invalid("owned path has a foreign file type");
     return openExamined(file, "owned file");
+}
+
+std::string hashOwnedFile(const FixedPlace& place)
+{
+    const OpenFile file = safeFile(place);
+    return sha256(file.descriptor.get(), file.status.st_size);
 }
 
 } // namespace maintenance

@@ -89,6 +89,12 @@ std::string readText(const std::filesystem::path& path, const std::string& scope
 ///         Invalid "owned file cannot be read", "owned file changed during validation"
 OpenFile safeFile(const FixedPlace& place);
 
+/// Returns the digest text of an owned file. Throws what safeFile and sha256 throw.
+std::string hashOwnedFile(const FixedPlace& place);
+
+/// Tells whether an open file still has the size and times that it was examined with.
+bool isUnchanged(const OpenFile& file);
+
 /// Tells whether two statuses are of one file: same device and inode.
 bool sameFile(const struct stat& one, const struct stat& other);
 

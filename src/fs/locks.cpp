@@ -2,6 +2,7 @@
 
 #include "fs/fixed_directory.h"
 #include "fs/fixed_file.h"
+#include "fs/held_locks.h"
 #include "fs/owner_power.h"
 #include "validate/invalid.h"
 
@@ -26,7 +27,7 @@ bool isSafeLock(const struct stat& status)
 /// Returns the status of the lock file in `directory`, or nothing when there is none.
 std::optional<struct stat> examineLock(int directory)
 {
-    struct stat status{};
+    struct stat status = {};
     if (::fstatat(directory, lockName, &status, AT_SYMLINK_NOFOLLOW) != 0) {
         if (errno == ENOENT)
             return std::nullopt;
@@ -69,7 +70,7 @@ OwnedFd openLock(int directory, const std::string& scope)
 /// Requires the open lock file to be the scope's own.
 struct stat requireOwnLock(const OwnedFd& file, const std::string& scope)
 {
-    struct stat status{};
+    struct stat status = {};
     if (::fstat(file.get(), &status) != 0 || !isSafeLock(status) || status.st_uid != scopeOwner(scope))
         throw Invalid("maintenance lock is unsafe");
     return status;
@@ -77,7 +78,7 @@ struct stat requireOwnLock(const OwnedFd& file, const std::string& scope)
 
 void takeLock(const OwnedFd& file)
 {
-    struct flock request{};
+    struct flock request = {};
     request.l_type = F_WRLCK;
     request.l_whence = SEEK_SET;
     if (::fcntl(file.get(), F_SETLK, &request) != 0)
@@ -94,7 +95,15 @@ OwnedFd acquire(const std::string& scope)
     const std::optional<struct stat> named = examineLock(directory.get());
     if (!named || !sameFile(*named, own))
         throw Invalid("maintenance lock is unsafe");
+    rememberHeldLock(own);
     return file;
+}
+
+void release(std::vector<OwnedFd>& held)
+{
+    while (!held.empty())
+        held.pop_back();
+    forgetHeldLocks();
 }
 
 } // namespace
@@ -108,16 +117,11 @@ Locks::Locks(std::vector<std::string> scopes)
         for (const std::string& scope : scopes)
             held_.push_back(acquire(scope));
     } catch (...) {
-        while (!held_.empty())
-            held_.pop_back();
+        release(held_);
         throw;
     }
 }
 
-Locks::~Locks()
-{
-    while (!held_.empty())
-        held_.pop_back();
-}
+Locks::~Locks() { release(held_); }
 
 } // namespace maintenance

@@ -9,11 +9,10 @@ namespace maintenance {
 
 namespace {
 
-bool ownerCouldAct(int directory, uid_t owner)
+bool belongsTo(int directory, uid_t owner)
 {
-    struct stat status{};
-    constexpr mode_t change = S_IWUSR | S_IXUSR;
-    return ::fstat(directory, &status) == 0 && status.st_uid == owner && (status.st_mode & change) == change;
+    struct stat status = {};
+    return ::fstat(directory, &status) == 0 && status.st_uid == owner;
 }
 
 [[noreturn]] void endWithoutPower()
@@ -28,7 +27,7 @@ bool ownerCouldAct(int directory, uid_t owner)
 int withOwnersPower(int directory, uid_t owner, const std::function<int()>& call)
 {
     const uid_t own = ::geteuid();
-    if (own != 0 || owner == own || !ownerCouldAct(directory, owner))
+    if (own != 0 || owner == own || !belongsTo(directory, owner))
         return call();
     if (::seteuid(owner) != 0)
         throw std::system_error(errno, std::generic_category(), "cannot act as the scope's owner");

@@ -6,9 +6,9 @@
 namespace maintenance {
 
 /// Runs `call`, one system call inside the open directory `directory`, with the effective user id of
-/// `owner` when this process is root and `owner` could do the same without it: the directory belongs to
-/// that account and the account may write to it. What such a call creates is rightly owned from its first
-/// moment, and a link planted for root finds no root. Otherwise the call keeps the process's own power.
+/// `owner` when this process is root and the directory belongs to that account. What such a call creates is
+/// rightly owned from its first moment, and a link planted for root finds no root. In any other directory
+/// only root can exchange names, and the call keeps the process's own power.
 ///
 /// directory  borrowed
 /// returns    what `call` returned, errno as it left it

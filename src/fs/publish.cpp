@@ -4,8 +4,10 @@
 #include "fs/owner_power.h"
 #include "validate/invalid.h"
 
+#include <climits>
 #include <fcntl.h>
 #include <fstream>
+#include <stdexcept>
 #include <sys/stat.h>
 
 namespace maintenance {
@@ -14,16 +16,24 @@ namespace {
 
 constexpr mode_t metadataMode = 0600;
 
-std::string temporaryName(const std::string& name) { return "." + name + ".new." + std::to_string(::getpid()); }
+/// The name under which this process writes what will be called `name`; of a very long name only what fits.
+std::string temporaryName(const std::string& name)
+{
+    const std::string suffix = ".new." + std::to_string(::getpid());
+    std::string temporary = ".";
+    temporary.append(name, 0, NAME_MAX - 1 - suffix.size());
+    return temporary.append(suffix);
+}
 
 bool isChecked(std::string_view relative)
 {
-    return relative.starts_with(supportDirectory) && relative.substr(supportDirectory.size()).starts_with('/');
+    return relative.starts_with(supportDirectory) &&
+           relative.substr(supportDirectory.size()).starts_with('/');
 }
 
 void requireReplaceable(int directory, const std::string& name, const std::string& scope)
 {
-    struct stat status{};
+    struct stat status = {};
     if (::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         if (errno == ENOENT)
             return;
@@ -57,6 +67,18 @@ void fillAndRename(int directory, OwnedFd file, const std::string& temporary, co
     file.close();
     if (::renameat(directory, temporary.c_str(), directory, nameOf(place.relative).c_str()) != 0)
         throw std::runtime_error("cannot publish fixed metadata");
+}
+
+/// Writes a file outside both scopes, with mode 0600.
+void writeForeign(const std::filesystem::path& path, std::string_view content)
+{
+    std::ofstream stream(path, std::ios::binary | std::ios::trunc);
+    stream.write(content.data(), static_cast<std::streamsize>(content.size()));
+    stream.close();
+    if (!stream)
+        throw std::runtime_error("cannot write maintenance metadata");
+    if (::chmod(path.c_str(), metadataMode) != 0)
+        throw std::runtime_error("cannot secure maintenance metadata");
 }
 
 } // namespace
@@ -95,14 +117,13 @@ void text(const std::filesystem::path& path, std::string_view content, Durabilit
     }
     prepareForeignDirectory(path.parent_path());
     const std::filesystem::path fresh = path.native() + ".new";
-    std::ofstream stream(fresh, std::ios::binary | std::ios::trunc);
-    stream.write(content.data(), static_cast<std::streamsize>(content.size()));
-    stream.close();
-    if (!stream)
-        throw std::runtime_error("cannot write maintenance metadata");
-    if (::chmod(fresh.c_str(), metadataMode) != 0)
-        throw std::runtime_error("cannot secure maintenance metadata");
-    std::filesystem::rename(fresh, path);
+    try {
+        writeForeign(fresh, content);
+        std::filesystem::rename(fresh, path);
+    } catch (...) {
+        ::unlink(fresh.c_str());
+        throw;
+    }
 }
 
 void prepareForeignDirectory(const std::filesystem::path& directory)

@@ -7,6 +7,7 @@
 #include "validate/invalid.h"
 
 #include <fcntl.h>
+#include <stdexcept>
 #include <sys/stat.h>
 
 namespace maintenance {
@@ -19,25 +20,25 @@ bool unlinkAsOwner(const std::string& scope, int directory, const std::string& n
                            [&] { return ::unlinkat(directory, name.c_str(), flags); }) == 0;
 }
 
-void removeDirectoryAt(const std::string& scope, int parent, const std::string& name)
+void removeEntry(const std::string& scope, int directory, const std::string& name, int depth);
+
+void removeDirectory(const std::string& scope, int parent, const std::string& name, int depth)
 {
     const OwnedFd directory = walkOneDirectory(parent, name);
     if (!directory)
         throw Invalid("fixed mutation directory was redirected");
     const auto entries = directoryEntries(directory.get());
-    if (!entries)
+    if (!entries || depth == deepestTree)
         throw Invalid("cannot enumerate fixed mutation directory");
     for (const std::string& entry : *entries)
-        removeTreeAt(scope, directory.get(), entry);
+        removeEntry(scope, directory.get(), entry, depth + 1);
     if (!unlinkAsOwner(scope, parent, name, AT_REMOVEDIR))
         throw Invalid("cannot remove fixed metadata directory");
 }
 
-} // namespace
-
-void removeTreeAt(const std::string& scope, int directory, const std::string& name)
+void removeEntry(const std::string& scope, int directory, const std::string& name, int depth)
 {
-    struct stat status{};
+    struct stat status = {};
     if (::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         if (errno == ENOENT)
             return;
@@ -52,7 +53,14 @@ void removeTreeAt(const std::string& scope, int directory, const std::string& na
     }
     if (!S_ISDIR(status.st_mode))
         throw Invalid("fixed mutation target has a foreign file type");
-    removeDirectoryAt(scope, directory, name);
+    removeDirectory(scope, directory, name, depth);
+}
+
+} // namespace
+
+void removeTreeAt(const std::string& scope, int directory, const std::string& name)
+{
+    removeEntry(scope, directory, name, 1);
 }
 
 void removeFixed(const FixedPlace& place)

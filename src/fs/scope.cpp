@@ -11,6 +11,8 @@
 
 namespace maintenance {
 
+bool isScope(std::string_view word) { return word == "user" || word == "system"; }
+
 uid_t invokingAccountUid()
 {
     const uid_t realUid = ::getuid();
@@ -36,7 +38,7 @@ std::string invokingHome()
     passwd record{};
     passwd* found = nullptr;
     const int failure = ::getpwuid_r(uid, &record, buffer.data(), buffer.size(), &found);
-    if (failure != 0 || found == nullptr || found->pw_dir == nullptr || *found->pw_dir == '\0')
+    if (failure != 0 || found == nullptr || found->pw_dir == nullptr || *found->pw_dir != '/')
         throw Invalid("cannot resolve the invoking account home");
     return found->pw_dir;
 }
@@ -77,7 +79,9 @@ std::optional<FixedPlace> fixedLocation(const std::filesystem::path& path)
     const std::filesystem::path normal = path.lexically_normal();
     if (normal.native().starts_with("/Library/"))
         return FixedPlace{"system", normal.lexically_relative("/").native()};
-    std::string relative = normal.lexically_relative(invokingHome()).native();
+    // Written as "/Users/x/" or "/Users/y/../x", the home would not match the normal form of what lies in it.
+    const std::filesystem::path home = (std::filesystem::path(invokingHome()) / "").lexically_normal();
+    std::string relative = normal.lexically_relative(home.parent_path()).native();
     // An identical path's relative form is ".", which names no place below the home.
     if (relative.empty() || relative == "." || relative.starts_with(".."))
         return std::nullopt;

@@ -23,6 +23,9 @@ struct FixedPlace {
     std::string relative;
 };
 
+/// Tells whether a word is one of the two scopes, exactly.
+bool isScope(std::string_view word);
+
 /// Returns the user id of the invoking account: the real user id of the process, or, when that is root,
 /// the account logged in at the console. Asks the system again on every call.
 ///
@@ -33,7 +36,7 @@ uid_t invokingAccountUid();
 /// Returns the invoking account's home directory as the account database gives it.
 ///
 /// throws  what invokingAccountUid throws
-///         Invalid "cannot resolve the invoking account home"  no record, or no home in it
+///         Invalid "cannot resolve the invoking account home"  no record, or no absolute home in it
 std::string invokingHome();
 
 /// Returns the directory that a scope's relative paths start from: the home for "user", else "/".

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "fs/sha256_compression.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -12,14 +14,16 @@ namespace maintenance {
 /// The running state of one SHA-256 computation (FIPS 180-4); a plain value.
 struct Sha256 {
     /// The intermediate hash value.
-    std::array<std::uint32_t, 8> state = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
-                                          0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
+    Sha256State state = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
+                         0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
     /// Bytes fed but not yet compressed.
     std::array<unsigned char, 64> buffer = {};
     /// Count of all bytes fed.
     std::uint64_t length = 0;
     /// Count of bytes in `buffer`, 0 to 63 between calls.
     std::uint64_t fill = 0;
+    /// The compression function in use.
+    Sha256Compression compress = fastestCompression();
 
     /// Applies the compression function to the 64 bytes at `block`.
     void block(const unsigned char* block);

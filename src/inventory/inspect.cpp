@@ -40,10 +40,9 @@ void inspectProduct(const Descriptor& descriptor, const Product& product, Produc
 {
     const std::string opposite = oppositeScope(descriptor.targetScope);
     const auto here = installed(lookup, descriptor.targetScope, product.id);
-    const auto there = scopeAvailableForDuplicateCheck(opposite) ? installed(lookup, opposite, product.id)
-                                                                 : std::nullopt;
-    const Version wanted = version(product.targetVersion);
-    if (here && version(*here) > wanted)
+    const auto there =
+        scopeAvailableForDuplicateCheck(opposite) ? installed(lookup, opposite, product.id) : std::nullopt;
+    if (here && version(*here) > version(product.targetVersion))
         throw Invalid("target-side downgrade is refused");
     if (there && descriptor.sourceScope != opposite)
         throw Invalid("product exists in the opposite scope");
@@ -51,7 +50,7 @@ void inspectProduct(const Descriptor& descriptor, const Product& product, Produc
         findings.moveRequired = true;
     if (!here)
         refuseManualCollision(descriptor, product);
-    else if (version(*here) == wanted)
+    else if (version(*here) == version(product.targetVersion))
         findings.repair = true;
     else
         findings.upgrade = true;

@@ -19,8 +19,8 @@ std::string indexText(const std::string& scope, const InstalledProducts& product
     for (const auto& [product, version] : products) {
         if (!entries.empty())
             entries += ',';
-        entries += R"({"productId":")" + product + R"(","scope":")" + scope + R"(","version":")" + version +
-                   R"("})";
+        entries +=
+            R"({"productId":")" + product + R"(","scope":")" + scope + R"(","version":")" + version + R"("})";
     }
     return R"({"products":[)" + entries + R"(],"schema":")" + std::string(indexSchema) + "\"}\n";
 }

@@ -41,9 +41,8 @@ bool standsSafely(const FixedPlace& place, const char* unsafe)
     }
 }
 
-/// A descriptor that a plan gives, in the form in which it is published.
+/// The text of the descriptor that a plan gives, as it is published.
 struct Materialized {
-    Descriptor descriptor;
     std::string text;
     std::string sha256;
 };
@@ -51,17 +50,16 @@ struct Materialized {
 /// Renders the plan's descriptor and proves that every later command will be able to load it.
 Materialized materialize(const Plan& plan, const std::string& scope, const std::string& id)
 {
-    Descriptor descriptor = materializeDescriptor(plan, scope, id);
-    std::string text = descriptorText(descriptor);
-    try {
-        descriptor = parseDescriptorText(text, scope, id);
-    } catch (const Invalid&) {
-        throw Invalid("materialized maintenance descriptor is unsafe");
-    }
+    constexpr const char* unsafe = "materialized maintenance descriptor is unsafe";
+    std::string text = descriptorText(materializeDescriptor(plan, scope, id));
     if (text.size() > static_cast<std::size_t>(largestMetadata))
-        throw Invalid("materialized maintenance descriptor is unsafe");
-    std::string digest = descriptor.fileSha256;
-    return {std::move(descriptor), std::move(text), std::move(digest)};
+        throw Invalid(unsafe);
+    try {
+        std::string digest = parseDescriptorText(text, scope, id).fileSha256;
+        return {std::move(text), std::move(digest)};
+    } catch (const Invalid&) {
+        throw Invalid(unsafe);
+    }
 }
 
 std::string beginAttempt(const Plan& plan, const std::string& scope)
@@ -70,9 +68,8 @@ std::string beginAttempt(const Plan& plan, const std::string& scope)
         throw Invalid("another maintenance transaction is active");
     const std::string id = "install-" + generation();
     const Materialized made = materialize(plan, scope, id);
-    atomicWriteFixed(pendingInstallPlace(scope),
-                     pendingInstallText(
-                         {plan.sku, plan.packageRevision, id, plan.sha256, made.sha256, scope}));
+    atomicWriteFixed(pendingInstallPlace(scope), pendingInstallText({plan.sku, plan.packageRevision, id,
+                                                                     plan.sha256, made.sha256, scope}));
     atomicWriteFixed(descriptorPlace(scope, id), made.text);
     return id;
 }

@@ -20,13 +20,13 @@ namespace maintenance {
 namespace {
 
 constexpr std::string_view descriptorSchema = "tamarind.pelican.macos-maintenance.v2";
-constexpr std::size_t longestLine = 8192;
+constexpr const char* subject = "maintenance descriptor";
 constexpr std::array<std::string_view, 6> scalarKeys = {"schema",      "sku",         "packageRevision",
                                                         "sourceScope", "targetScope", "decision"};
 constexpr std::array<const char*, 5> layout = {"Inbox", "Transactions", "Products", "NativeReceipts",
                                                "Completed"};
 
-[[noreturn]] void refuse(const char* reason) { throw Invalid(std::string("maintenance descriptor ") + reason); }
+[[noreturn]] void refuse(const char* reason) { throw Invalid(std::string(subject) + " " + reason); }
 
 /// What the lines of a descriptor have given so far.
 struct DescriptorReader {
@@ -65,24 +65,18 @@ void readTarget(DescriptorReader& reader, std::string_view value)
 
 void readLine(DescriptorReader& reader, std::string_view text)
 {
-    if (text.empty() || text.size() > longestLine)
-        refuse("contains an invalid line");
-    const auto line = splitKeyValue(text);
-    if (!line)
-        refuse("contains an invalid field");
-    if (isScalarKey(line->key)) {
-        if (!reader.scalars.emplace(line->key, line->value).second)
+    const KeyValue line = requireFieldLine(text, subject);
+    if (isScalarKey(line.key)) {
+        if (!reader.scalars.emplace(line.key, line.value).second)
             refuse("repeats a field");
-    } else if (line->key == "product") {
-        readProduct(reader, line->value);
-    } else if (line->key == "target") {
-        readTarget(reader, line->value);
+    } else if (line.key == "product") {
+        readProduct(reader, line.value);
+    } else if (line.key == "target") {
+        readTarget(reader, line.value);
     } else {
         refuse("contains an unknown field");
     }
 }
-
-bool isScope(std::string_view text) { return text == "user" || text == "system"; }
 
 bool isDecision(std::string_view text) { return text == "none" || text == "adopt" || text == "replace"; }
 
@@ -175,7 +169,7 @@ std::string fileFields(const File& file)
 
 FixedPlace descriptorPlace(const std::string& scope, const std::string& id)
 {
-    return {scope, std::string(maintenanceDirectory) + "/Inbox/" + id + ".tpmt"};
+    return placeInScope(scope, descriptorPath(scope, id));
 }
 
 std::filesystem::path descriptorPath(const std::string& scope, const std::string& id)
@@ -192,7 +186,6 @@ void validateLayout(const std::string& scope)
 
 Descriptor parse(const std::string& scope, const std::string& id)
 {
-    const std::string subject = "maintenance descriptor";
     const ExaminedFile file = regular(descriptorPlace(scope, id), subject);
     if ((file.status.st_mode & (S_IWGRP | S_IWOTH)) != 0 || file.status.st_uid != scopeOwner(scope) ||
         file.status.st_size > largestMetadata)

@@ -42,8 +42,7 @@ PendingInstall parsePending(std::string_view text)
                            takeField(fields, "targetScope", refusal)};
     const bool valid = safeId(attempt.sku) && safeVersion(attempt.packageRevision) &&
                        safeId(attempt.transaction) && isDigest(attempt.planSha256) &&
-                       isDigest(attempt.descriptorSha256) &&
-                       (attempt.targetScope == "user" || attempt.targetScope == "system");
+                       isDigest(attempt.descriptorSha256) && isScope(attempt.targetScope);
     if (!valid)
         throw Invalid(refusal);
     return attempt;

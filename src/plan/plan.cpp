@@ -18,10 +18,12 @@ namespace maintenance {
 namespace {
 
 constexpr std::string_view planSchema = "tamarind.pelican.macos-maintenance-plan.v1";
-constexpr std::size_t longestLine = 8192;
 constexpr std::array<std::string_view, 3> headerKeys = {"schema", "sku", "packageRevision"};
 
-[[noreturn]] void refuse(const char* reason) { throw Invalid(std::string("embedded transaction plan ") + reason); }
+[[noreturn]] void refuse(const char* reason)
+{
+    throw Invalid(std::string("embedded transaction plan ") + reason);
+}
 
 /// How far the lines of a plan have been read.
 struct PlanReader {
@@ -107,19 +109,15 @@ void readTarget(PlanReader& reader, std::string_view value)
 
 void readLine(PlanReader& reader, std::string_view text)
 {
-    if (text.empty() || text.size() > longestLine)
-        refuse("contains an invalid line");
-    const auto line = splitKeyValue(text);
-    if (!line)
-        refuse("contains an invalid field");
-    if (isHeaderKey(line->key))
-        readHeader(reader, *line);
-    else if (line->key == "product")
-        readProduct(reader, line->value);
-    else if (line->key == "component")
-        readComponent(reader, line->value);
-    else if (line->key == "target")
-        readTarget(reader, line->value);
+    const KeyValue line = requireFieldLine(text, "embedded transaction plan");
+    if (isHeaderKey(line.key))
+        readHeader(reader, line);
+    else if (line.key == "product")
+        readProduct(reader, line.value);
+    else if (line.key == "component")
+        readComponent(reader, line.value);
+    else if (line.key == "target")
+        readTarget(reader, line.value);
     else
         refuse("contains an unknown field");
 }
@@ -187,7 +185,7 @@ void requireWholePlan(const Plan& plan)
 /// Opens the plan and proves that it is the file that was examined.
 OpenFile openPlan(const std::filesystem::path& path)
 {
-    struct stat examined{};
+    struct stat examined = {};
     constexpr mode_t relevant = S_IFMT | S_IWGRP | S_IWOTH;
     if (::lstat(path.c_str(), &examined) != 0 || (examined.st_mode & relevant) != S_IFREG ||
         examined.st_nlink != 1 || examined.st_uid != ::geteuid() || examined.st_size <= 0 ||
@@ -206,7 +204,11 @@ OpenFile openPlan(const std::filesystem::path& path)
 
 Plan parsePlan(const std::filesystem::path& path)
 {
-    return parsePlanText(readContent(openPlan(path), "embedded transaction plan"));
+    const OpenFile plan = openPlan(path);
+    const std::string text = readContent(plan, "embedded transaction plan");
+    if (text.size() != static_cast<std::size_t>(plan.status.st_size))
+        refuse("changed while being read");
+    return parsePlanText(text);
 }
 
 Plan parsePlanText(std::string_view text)

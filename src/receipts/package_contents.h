@@ -22,6 +22,9 @@ using PackageContents = std::map<std::string, PackageContent>;
 /// versions or lists a path twice.
 PackageContents packageContents(const Descriptor& descriptor);
 
+/// Returns the identifiers of both packages of each of the descriptor's products.
+std::set<std::string> productPackages(const Descriptor& descriptor);
+
 /// Returns the identifiers of the packages that the descriptor's files name.
 std::set<std::string> affectedPackages(const Descriptor& descriptor);
 

@@ -37,7 +37,11 @@ std::string productFromPackage(std::string_view packageId)
     return dot == std::string_view::npos ? std::string() : std::string(remainder.substr(0, dot));
 }
 
-bool holdsProducts(const ReceiptInventory& inventory) { return !packageCounts(inventory).empty(); }
+const Receipt* unusedSharedPackage(const ReceiptInventory& inventory)
+{
+    const auto shared = inventory.find(std::string(commonPackageId));
+    return shared == inventory.end() || !packageCounts(inventory).empty() ? nullptr : &shared->second;
+}
 
 InstalledProducts receiptProducts(const std::string& scope)
 {
@@ -91,7 +95,7 @@ bool scopeAvailableForDuplicateCheck(const std::string& scope)
     if (scope == "system")
         return true;
     try {
-        struct stat status{};
+        struct stat status = {};
         return ::lstat(invokingHome().c_str(), &status) == 0 && S_ISDIR(status.st_mode);
     } catch (const Invalid&) {
         return false;

@@ -26,9 +26,9 @@ using ProductLookup = std::map<std::string, InstalledProducts>;
 /// Throws Invalid "native receipt package identity is invalid" for a package that is not the maker's.
 std::string productFromPackage(std::string_view packageId);
 
-/// Tells whether any package of the inventory belongs to a product, so that the shared package is in use.
-/// Throws what productFromPackage throws.
-bool holdsProducts(const ReceiptInventory& inventory);
+/// Returns the shared package when it is registered and no product of the inventory uses it, else a null
+/// pointer. The receipt belongs to the inventory. Throws what productFromPackage throws.
+const Receipt* unusedSharedPackage(const ReceiptInventory& inventory);
 
 /// Returns the products that are installed natively in the scope, from its verified receipts. A product is
 /// exactly one ".vst3" and one ".au" package of byte-identical version.

@@ -2,6 +2,7 @@
 
 #include "fs/existence.h"
 #include "fs/fixed_file.h"
+#include "fs/held_locks.h"
 #include "fs/scope.h"
 #include "fs/sha256.h"
 #include "receipts/pkgutil.h"
@@ -107,11 +108,16 @@ std::string readVersion(const std::string& description)
 /// package database itself does.
 std::string hashListedFile(const std::filesystem::path& path, const struct stat& examined)
 {
-    const OwnedFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    OwnedFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file)
         throw Invalid("cannot read an owned file");
-    struct stat opened{};
-    if (::fstat(file.get(), &opened) != 0 || !sameFile(opened, examined) || opened.st_nlink != 1)
+    struct stat opened = {};
+    const bool known = ::fstat(file.get(), &opened) == 0;
+    if (known && isHeldLock(opened)) {
+        (void)file.release();
+        throw Invalid("pkgutil receipt inventory contains a link or foreign file");
+    }
+    if (!known || !sameFile(opened, examined) || opened.st_nlink != 1)
         throw Invalid("pkgutil receipt-owned file changed during validation");
     return sha256(file.get(), examined.st_size);
 }
@@ -160,7 +166,7 @@ std::optional<ReceiptFile> recordMissing(const Listing& listing, const std::stri
 /// inventory; without it only absence does, so that an unreadable disk never passes for a removed file.
 std::optional<struct stat> examineListed(const std::filesystem::path& path, bool verify)
 {
-    struct stat status{};
+    struct stat status = {};
     if (verify)
         return ::lstat(path.c_str(), &status) == 0 ? std::optional(status) : std::nullopt;
     return linkStatus(path);

@@ -144,6 +144,9 @@ std::map<std::string, std::string> snapshotInventory(const FixedPlace& snapshot)
         if (isReceiptLine(line))
             continue;
         SnapshotFile file = readFileLine(line);
+        // An empty digest would later compare with anything.
+        if (!isDigest(file.sha256))
+            refuseManifest();
         inventory.emplace(std::move(file.path), std::move(file.sha256));
     }
     return inventory;

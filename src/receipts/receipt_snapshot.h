@@ -34,7 +34,8 @@ FixedPlace snapshotManifestPlace(const FixedPlace& snapshot);
 ///
 /// snapshot  the snapshot directory
 /// throws    Invalid "receipt snapshot manifest is missing"  it cannot be opened safely
-///           Invalid "receipt snapshot manifest is invalid"  a file line without exactly three fields
+///           Invalid "receipt snapshot manifest is invalid"  a file line without exactly three fields,
+///                                                             or without a digest
 std::map<std::string, std::string> snapshotInventory(const FixedPlace& snapshot);
 
 /// Returns the manifest's file lines in order, each of them proven: an owned path, a digest, a serial; the

@@ -3,7 +3,6 @@
 #include "fs/existence.h"
 #include "fs/fixed_file.h"
 #include "fs/locks.h"
-#include "fs/sha256.h"
 #include "inventory/installed_products.h"
 #include "receipts/exact_receipts.h"
 #include "receipts/package_contents.h"
@@ -21,6 +20,7 @@
 #include "validate/invalid.h"
 #include "validate/owned_path.h"
 
+#include <map>
 #include <set>
 #include <utility>
 
@@ -73,8 +73,7 @@ void proveInstalledFiles(const Descriptor& descriptor)
 {
     std::size_t index = 0;
     for (const File& file : descriptor.files) {
-        const OpenFile present = safeFile({descriptor.targetScope, file.path});
-        if (sha256(present.descriptor.get(), present.status.st_size) != file.sha256)
+        if (hashOwnedFile({descriptor.targetScope, file.path}) != file.sha256)
             throw Invalid("package-installed file hash is wrong");
         checkpoint("publish." + std::to_string(index++));
     }
@@ -89,8 +88,7 @@ void requireUnchangedFiles(const std::string& scope, const Receipt& receipt, con
         const std::string expected = preparedHash(hashes, file.path);
         if (expected.empty() || !somethingStandsAt(absolutePath(place)))
             continue;
-        const OpenFile present = safeFile(place);
-        if (sha256(present.descriptor.get(), present.status.st_size) != expected)
+        if (hashOwnedFile(place) != expected)
             throw Invalid("source receipt inventory changed during maintenance");
     }
 }
@@ -107,7 +105,7 @@ void removeProductPackages(const Descriptor& descriptor, const PreparedHashes& h
 {
     const std::string& scope = descriptor.sourceScope;
     const ReceiptInventory live = pkgutilReceipts(scope, false);
-    const std::set<std::string> others = pathsOfOthers(live, affectedPackages(descriptor));
+    const std::set<std::string> others = pathsOfOthers(live, productPackages(descriptor));
     std::size_t index = 0;
     for (const Product& product : descriptor.products) {
         for (const char* kind : {"vst3", "au"}) {
@@ -128,11 +126,11 @@ void dropSharedPackage(const Descriptor& descriptor, const PreparedHashes& hashe
 {
     const std::string& scope = descriptor.sourceScope;
     const ReceiptInventory live = pkgutilReceipts(scope, false);
-    const auto common = live.find(std::string(commonPackageId));
-    if (holdsProducts(live) || common == live.end())
+    const Receipt* shared = unusedSharedPackage(live);
+    if (shared == nullptr)
         return;
-    removeReceiptFiles(scope, common->second, hashes, {});
-    removeReceipt(scope, common->first);
+    removeReceiptFiles(scope, *shared, hashes, {});
+    removeReceipt(scope, shared->packageId);
 }
 
 void clearSource(const Descriptor& descriptor)

@@ -26,7 +26,7 @@ void requireExpectedContent(const OpenFile& file, const std::string& expectedHas
 
 void requireStillNamed(const ExaminedFile& file)
 {
-    struct stat status{};
+    struct stat status = {};
     if (::fstatat(file.directory.get(), file.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
         !sameFile(status, file.status))
         throw Invalid("owned mutation target changed before removal");
@@ -46,9 +46,8 @@ void removeOwned(const FixedPlace& place, const std::string& expectedHash, Links
 {
     if (!somethingStandsAt(absolutePath(place)))
         return;
-    ExaminedFile file{openFixedDirectory(place.scope, parentOf(place.relative), false, false),
-                      nameOf(place.relative),
-                      {}};
+    ExaminedFile file{
+        openFixedDirectory(place.scope, parentOf(place.relative), false, false), nameOf(place.relative), {}};
     if (::fstatat(file.directory.get(), file.name.c_str(), &file.status, AT_SYMLINK_NOFOLLOW) != 0) {
         if (errno == ENOENT)
             return;

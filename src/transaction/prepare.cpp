@@ -2,7 +2,6 @@
 
 #include "fs/fixed_file.h"
 #include "fs/locks.h"
-#include "fs/sha256.h"
 #include "inventory/inspect.h"
 #include "receipts/products.h"
 #include "transaction/recovery.h"
@@ -63,8 +62,7 @@ void requireAdoptable(const Descriptor& descriptor)
     for (const File& file : descriptor.files) {
         if (file.product == commonProduct)
             continue;
-        const OpenFile present = safeFile({descriptor.targetScope, file.path});
-        if (sha256(present.descriptor.get(), present.status.st_size) != file.sha256)
+        if (hashOwnedFile({descriptor.targetScope, file.path}) != file.sha256)
             throw Invalid("adopt requires byte-identical bundles");
     }
 }

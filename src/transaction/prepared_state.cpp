@@ -30,12 +30,9 @@ std::string preparedText(const PreparedState& state)
 
 PreparedState bindingState(const Descriptor& descriptor)
 {
-    return {descriptor.id,
-            generation(),
-            descriptor.fileSha256,
-            sha256OfText(canonical(descriptor)),
-            descriptor.sourceScope,
-            descriptor.targetScope};
+    return {descriptor.id,          generation(),
+            descriptor.fileSha256,  sha256OfText(canonical(descriptor)),
+            descriptor.sourceScope, descriptor.targetScope};
 }
 
 PreparedState parsePreparedText(std::string_view text)
@@ -43,9 +40,10 @@ PreparedState parsePreparedText(std::string_view text)
     const RecordFields fields = readRecordFields(text, fieldCount, refusal);
     if (takeField(fields, "schema", refusal) != preparedSchema)
         throw Invalid(refusal);
-    PreparedState state{takeField(fields, "transaction", refusal),      takeField(fields, "generation", refusal),
-                        takeField(fields, "descriptorSha256", refusal), takeField(fields, "canonicalSha256", refusal),
-                        takeField(fields, "sourceScope", refusal),      takeField(fields, "targetScope", refusal)};
+    PreparedState state{
+        takeField(fields, "transaction", refusal),      takeField(fields, "generation", refusal),
+        takeField(fields, "descriptorSha256", refusal), takeField(fields, "canonicalSha256", refusal),
+        takeField(fields, "sourceScope", refusal),      takeField(fields, "targetScope", refusal)};
     const bool valid = safeId(state.transaction) && isDigest(state.generation) &&
                        isDigest(state.descriptorSha256) && isDigest(state.canonicalSha256);
     if (!valid)
@@ -70,7 +68,8 @@ void requireStateBinding(const Descriptor& descriptor, const PreparedState& stat
 
 PreparedState verifyPrepared(const Descriptor& descriptor, const std::filesystem::path& transactionDirectory)
 {
-    const std::string stored = readText(preparedPath(transactionDirectory), authorityScope(descriptor), subject);
+    const std::string stored =
+        readText(preparedPath(transactionDirectory), authorityScope(descriptor), subject);
     PreparedState state = parsePreparedText(stored);
     requireStateBinding(descriptor, state);
     const std::string text = preparedText(state);

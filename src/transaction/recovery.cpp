@@ -76,12 +76,13 @@ bool resumePrepared(const Descriptor& descriptor)
     const PreparedState state = parsePrepared(prepared, authorityScope(descriptor));
     requireStateBinding(descriptor, state);
     const std::string lease = preparedText(state);
-    for (const std::string& scope : involvedScopes(descriptor)) {
+    const std::vector<std::string> scopes = involvedScopes(descriptor);
+    for (const std::string& scope : scopes)
+        if (hasLease(scope) && readLease(scope) != lease)
+            throw Invalid(anotherActive);
+    for (const std::string& scope : scopes)
         if (!hasLease(scope))
             text(activePath(scope), lease);
-        else if (readLease(scope) != lease)
-            throw Invalid(anotherActive);
-    }
     return true;
 }
 

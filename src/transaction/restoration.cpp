@@ -14,7 +14,9 @@
 #include "transaction/snapshot.h"
 #include "validate/invalid.h"
 
+#include <map>
 #include <optional>
+#include <set>
 #include <sys/stat.h>
 
 namespace maintenance {
@@ -23,7 +25,7 @@ namespace {
 
 constexpr const char* snapshotSubject = "transaction source";
 
-/// A scope of the transaction and the name of its snapshots.
+/// A scope of the transaction and the name of its snapshots, "target" or "source".
 struct Role {
     std::string scope;
     std::string name;
@@ -42,8 +44,8 @@ using TargetContent = std::optional<std::string>;
 
 /// Everything that a restoration relies on, proven to be there before anything is changed.
 struct ProvenSnapshots {
-    /// The manifest's files, for each involved role.
-    std::vector<std::vector<SnapshotFile>> authorities;
+    /// The manifest's files, by role name.
+    std::map<std::string, std::vector<SnapshotFile>> authorities;
     /// For each target file of the descriptor.
     std::vector<TargetContent> targets;
 };
@@ -77,14 +79,15 @@ ProvenSnapshots proveSnapshots(const Descriptor& descriptor)
 {
     ProvenSnapshots proven;
     for (const Role& role : involvedRoles(descriptor))
-        proven.authorities.push_back(proveAuthority(authoritySnapshot(descriptor, role.name)));
+        proven.authorities[role.name] = proveAuthority(authoritySnapshot(descriptor, role.name));
     for (std::size_t i = 0; i < descriptor.files.size(); ++i)
         proven.targets.push_back(proveTarget(descriptor, i));
     return proven;
 }
 
-/// What stands in an owned file's place.
-enum class Standing { Nothing, ExpectedFile, OtherFile, Foreign };
+/// What stands in an owned file's place: nothing, the expected bytes, a file that a publication can replace,
+/// or something that has to be removed first (a link, or a file of another owner).
+enum class Standing { Nothing, ExpectedFile, Replaceable, Foreign };
 
 Standing examinePlace(const FixedPlace& place, const std::string& expectedHash)
 {
@@ -93,13 +96,13 @@ Standing examinePlace(const FixedPlace& place, const std::string& expectedHash)
         return Standing::Nothing;
     if (!S_ISREG(status->st_mode) || status->st_nlink != 1)
         return Standing::Foreign;
-    const OpenFile file = safeFile(place);
-    return sha256(file.descriptor.get(), file.status.st_size) == expectedHash ? Standing::ExpectedFile
-                                                                              : Standing::OtherFile;
+    if (hashOwnedFile(place) == expectedHash)
+        return Standing::ExpectedFile;
+    return status->st_uid == scopeOwner(place.scope) ? Standing::Replaceable : Standing::Foreign;
 }
 
-/// Brings a place back to the snapshot's bytes. A file is replaced in one step; only what cannot be replaced,
-/// a link, is removed first.
+/// Brings a place back to the snapshot's bytes. A file is replaced in one step; only what cannot be replaced
+/// is removed first.
 void restoreFile(const FixedPlace& place, const FixedPlace& copy, const std::string& hash)
 {
     const Standing standing = examinePlace(place, hash);
@@ -124,7 +127,7 @@ void removeUnlisted(const std::string& scope, const std::vector<SnapshotFile>& l
             continue;
         for (const ReceiptFile& file : receipt.files)
             if (!paths.contains(file.path) && !others.contains(file.path))
-                removeOwned({scope, file.path}, file.sha256, Links::Remove);
+                removeOwned({scope, file.path}, "", Links::Remove);
     }
 }
 
@@ -180,9 +183,9 @@ void restore(const Descriptor& descriptor)
 {
     const ProvenSnapshots proven = proveSnapshots(descriptor);
     const std::vector<Role> roles = involvedRoles(descriptor);
-    for (std::size_t i = 0; i < roles.size(); ++i)
-        restoreAuthorityFiles(roles[i].scope, authoritySnapshot(descriptor, roles[i].name),
-                              proven.authorities[i], descriptor);
+    for (const Role& role : roles)
+        restoreAuthorityFiles(role.scope, authoritySnapshot(descriptor, role.name),
+                              proven.authorities.at(role.name), descriptor);
     restoreTargets(descriptor, proven.targets);
     for (const Role& role : roles)
         restoreMetadata(role.scope, metadataSnapshot(descriptor, role.name));

@@ -10,8 +10,8 @@ namespace maintenance {
 ///
 /// throws  Invalid "pkgutil receipt registration changed; rollback cannot restore package registration"
 ///         (nothing was changed)
-///         what Locks, recoverCompleted, validateTransactionDirectory, verifyPrepared, registrationsUnchanged,
-///         restore and finishTransaction throw
+///         what Locks, recoverCompleted, validateTransactionDirectory, verifyPrepared,
+///         registrationsUnchanged, restore and finishTransaction throw
 void rollback(const Descriptor& descriptor);
 
 } // namespace maintenance

@@ -14,7 +14,6 @@
 #include "validate/invalid.h"
 
 #include <fcntl.h>
-#include <optional>
 #include <sys/stat.h>
 #include <system_error>
 
@@ -28,18 +27,30 @@ std::string transactionsDirectory() { return std::string(maintenanceDirectory) +
 
 void requireNew(int parent, const std::string& id)
 {
-    struct stat status{};
+    struct stat status = {};
     if (::fstatat(parent, id.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
         throw Invalid("maintenance transaction already exists");
     if (errno != ENOENT)
         throw Invalid("cannot create maintenance transaction securely");
 }
 
-void validateEntries(int directory, const std::string& scope);
-
-void validateEntry(int directory, const std::string& name, const std::string& scope)
+/// Brings a transaction directory that was just made into its final state.
+void secureNewDirectory(int parent, const std::string& id, const std::string& scope)
 {
-    struct stat status{};
+    const OwnedFd directory = walkOneDirectory(parent, id);
+    if (!directory)
+        throw Invalid("maintenance transaction was redirected during creation");
+    assignCreatedOwner(parent, directory.get(), scope);
+    checkDirectory(directory.get(), scope);
+    if (!synchronize(parent, Durability::Record))
+        throw Invalid("cannot create maintenance transaction securely");
+}
+
+void validateEntries(int directory, const std::string& scope, int depth);
+
+void validateEntry(int directory, const std::string& name, const std::string& scope, int depth)
+{
+    struct stat status = {};
     if (::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
         throw Invalid("transaction metadata changed during validation");
     if (S_ISDIR(status.st_mode)) {
@@ -47,7 +58,7 @@ void validateEntry(int directory, const std::string& name, const std::string& sc
         if (!entered)
             throw Invalid("transaction metadata contains a redirected directory");
         checkDirectory(entered.get(), scope);
-        validateEntries(entered.get(), scope);
+        validateEntries(entered.get(), scope, depth + 1);
         return;
     }
     if (!S_ISREG(status.st_mode) || status.st_nlink != 1 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ||
@@ -55,13 +66,13 @@ void validateEntry(int directory, const std::string& name, const std::string& sc
         throw Invalid("transaction metadata contains a link or unsafe file");
 }
 
-void validateEntries(int directory, const std::string& scope)
+void validateEntries(int directory, const std::string& scope, int depth)
 {
     const auto names = directoryEntries(directory);
-    if (!names)
+    if (!names || depth == deepestTree)
         throw Invalid("cannot inspect transaction directory");
     for (const std::string& name : *names)
-        validateEntry(directory, name, scope);
+        validateEntry(directory, name, scope, depth);
 }
 
 void publishLeases(const Descriptor& descriptor, const std::string& prepared)
@@ -73,16 +84,29 @@ void publishLeases(const Descriptor& descriptor, const std::string& prepared)
     }
 }
 
+/// Removes the scope's lease when it holds this transaction's text; false when that could not be done.
+bool takeBackLease(const std::string& scope, const std::string& prepared)
+{
+    try {
+        if (somethingStandsAt(activePath(scope)) && readLease(scope) == prepared)
+            removeFixedPath(activePath(scope));
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 /// Takes back what a failed opening has left. A lease goes when it holds this transaction's text, also one
 /// whose publication reported an error after it had become visible. As long as a lease stays, so does the
 /// directory, from which the transaction can be resumed or rolled back.
 void takeBack(const Descriptor& descriptor, const std::string& prepared)
 {
+    bool leasesGone = true;
     if (!prepared.empty())
         for (const std::string& scope : involvedScopes(descriptor))
-            if (somethingStandsAt(activePath(scope)) && readLease(scope) == prepared)
-                removeFixedPath(activePath(scope));
-    removeTransactionDirectory(descriptor);
+            leasesGone = takeBackLease(scope, prepared) && leasesGone;
+    if (leasesGone)
+        removeTransactionDirectory(descriptor);
 }
 
 void requireLeases(const Descriptor& descriptor, const std::string& prepared, const char* changed)
@@ -113,13 +137,12 @@ void createTransactionDirectory(const Descriptor& descriptor)
     });
     if (made != 0)
         throw Invalid("cannot create maintenance transaction securely");
-    const OwnedFd directory = walkOneDirectory(parent.get(), descriptor.id);
-    if (!directory)
-        throw Invalid("maintenance transaction was redirected during creation");
-    assignCreatedOwner(parent.get(), directory.get(), scope);
-    checkDirectory(directory.get(), scope);
-    if (!synchronize(parent.get(), Durability::Record))
-        throw Invalid("cannot create maintenance transaction securely");
+    try {
+        secureNewDirectory(parent.get(), descriptor.id, scope);
+    } catch (...) {
+        ::unlinkat(parent.get(), descriptor.id.c_str(), AT_REMOVEDIR);
+        throw;
+    }
 }
 
 void validateTransactionDirectory(const Descriptor& descriptor)
@@ -127,7 +150,7 @@ void validateTransactionDirectory(const Descriptor& descriptor)
     const std::string scope = authorityScope(descriptor);
     const OwnedFd directory =
         openFixedDirectory(scope, transactionsDirectory() + "/" + descriptor.id, false, true);
-    validateEntries(directory.get(), scope);
+    validateEntries(directory.get(), scope, 1);
 }
 
 void removeTransactionDirectory(const Descriptor& descriptor)
@@ -188,12 +211,12 @@ void finishTransaction(const Descriptor& descriptor, const PreparedState& state)
 
 bool isRecordedAsCompleted(const Descriptor& descriptor, const PreparedState& state)
 {
-    if (!somethingStandsAt(completedPath(descriptor)))
-        return false;
     try {
-        return readText(completedPath(descriptor), authorityScope(descriptor), "prepared transaction state") ==
-               preparedText(state);
-    } catch (const Invalid&) {
+        if (!somethingStandsAt(completedPath(descriptor)))
+            return false;
+        return readText(completedPath(descriptor), authorityScope(descriptor),
+                        "prepared transaction state") == preparedText(state);
+    } catch (const std::exception&) {
         return true;
     }
 }

@@ -3,7 +3,6 @@
 #include "fs/existence.h"
 #include "fs/fixed_file.h"
 #include "fs/locks.h"
-#include "fs/sha256.h"
 #include "inventory/installed_products.h"
 #include "receipts/exact_receipts.h"
 #include "receipts/package_contents.h"
@@ -18,6 +17,9 @@
 #include "transaction/transaction_scopes.h"
 #include "validate/identifiers.h"
 #include "validate/invalid.h"
+
+#include <map>
+#include <set>
 
 namespace maintenance {
 
@@ -105,8 +107,7 @@ void removeVouchedFile(const FixedPlace& place, const PreparedHashes& hashes)
     const auto hash = hashes.find(place.relative);
     if (hash == hashes.end() || !somethingStandsAt(absolutePath(place)))
         return;
-    const OpenFile file = safeFile(place);
-    if (sha256(file.descriptor.get(), file.status.st_size) != hash->second)
+    if (hashOwnedFile(place) != hash->second)
         throw Invalid("receipt-owned file changed; refusing uninstall");
     removeOwned(place, hash->second, Links::Refuse);
 }
@@ -145,9 +146,11 @@ void removeProducts(const Descriptor& descriptor, PackageRemoval& removal, const
 void removeSharedPackage(PackageRemoval& removal)
 {
     const ReceiptInventory live = pkgutilReceipts(removal.scope, false);
-    const auto common = live.find(std::string(commonPackageId));
-    if (!holdsProducts(live) && common != live.end())
-        removePackage(removal, common->second);
+    const Receipt* shared = unusedSharedPackage(live);
+    if (shared == nullptr)
+        return;
+    removal.keep.clear();
+    removePackage(removal, *shared);
 }
 
 } // namespace
@@ -159,14 +162,14 @@ void uninstall(const Descriptor& descriptor)
     if (recoverCompleted(descriptor))
         return;
     const bool resumed = resumePrepared(descriptor);
-    const PreparedState state = resumed ? verifyPrepared(descriptor, transactionRoot(descriptor))
-                                        : beginUninstallation(descriptor);
+    const PreparedState state =
+        resumed ? verifyPrepared(descriptor, transactionRoot(descriptor)) : beginUninstallation(descriptor);
 
     const ReceiptInventory live = pkgutilReceipts(scope, false);
     if (resumed)
         proveResumed(descriptor, live);
     PackageRemoval removal{scope, snapshotInventory(authoritySnapshot(descriptor, "target")),
-                           pathsOfOthers(live, affectedPackages(descriptor))};
+                           pathsOfOthers(live, productPackages(descriptor))};
     removeProducts(descriptor, removal, live);
     removeSharedPackage(removal);
     aggregate(scope);

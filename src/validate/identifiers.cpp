@@ -77,10 +77,7 @@ bool isDigest(std::string_view text)
     return text.size() == 64 && std::all_of(text.begin(), text.end(), isLowerHex);
 }
 
-bool isSerial(std::string_view text)
-{
-    return !text.empty() && text.size() <= 20 && allDigits(text);
-}
+bool isSerial(std::string_view text) { return !text.empty() && text.size() <= 20 && allDigits(text); }
 
 std::string productPackageId(std::string_view product, std::string_view kind)
 {

@@ -21,7 +21,8 @@ void requireBundleMember(std::string_view rest, std::string_view bundleSuffix)
 {
     const std::size_t slash = rest.find('/');
     std::string_view bundle = rest.substr(0, slash);
-    const bool fits = slash != std::string_view::npos && bundle.ends_with(bundleSuffix) &&
+    const bool fits = slash != std::string_view::npos && rest.back() != '/' &&
+                      bundle.ends_with(bundleSuffix) &&
                       isProductName(bundle.substr(0, bundle.size() - bundleSuffix.size()));
     if (!fits)
         throw Invalid("owned path is not a Tamarind Pelican plugin bundle");

@@ -10,11 +10,11 @@ namespace {
 /// The plug-ins that shipped before bundle names carried the maker's "TP " prefix. As in a pattern, a
 /// final "s?" stands for an optional "s".
 constexpr std::array<std::string_view, 23> catalogue = {
-    "Backwater Bass",    "Brackish Drive",   "Channel Marker",      "Drifting Delay",   "Driftwood Organ",
-    "Estuary Filter",    "Fathom Limiter",   "Gullwing Widener",    "Harbour Horns",    "Kelp Granulator",
-    "Lagoon Chorus",     "Low Tide Tape",    "Mangrove Reverb",     "Marsh Gate",       "Monsoon Strings",
-    "Palm Court Piano",  "Plume Vocoder",    "Rookery Drums?",      "Saltwind Phaser",  "Sandbar Compressor",
-    "Seedpod Sequencer", "Tidal Equalizer",  "Undertow Saturator",
+    "Backwater Bass",    "Brackish Drive",  "Channel Marker",     "Drifting Delay",  "Driftwood Organ",
+    "Estuary Filter",    "Fathom Limiter",  "Gullwing Widener",   "Harbour Horns",   "Kelp Granulator",
+    "Lagoon Chorus",     "Low Tide Tape",   "Mangrove Reverb",    "Marsh Gate",      "Monsoon Strings",
+    "Palm Court Piano",  "Plume Vocoder",   "Rookery Drums?",     "Saltwind Phaser", "Sandbar Compressor",
+    "Seedpod Sequencer", "Tidal Equalizer", "Undertow Saturator",
 };
 
 bool isPrefixedNameCharacter(char c)

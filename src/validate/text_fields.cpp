@@ -1,5 +1,7 @@
 #include "validate/text_fields.h"
 
+#include "validate/invalid.h"
+
 namespace maintenance {
 
 std::vector<std::string> split(std::string_view text, char separator)
@@ -37,6 +39,17 @@ std::optional<KeyValue> splitKeyValue(std::string_view line)
     if (equals == std::string_view::npos)
         return std::nullopt;
     return KeyValue{line.substr(0, equals), line.substr(equals + 1)};
+}
+
+KeyValue requireFieldLine(std::string_view line, const std::string& subject)
+{
+    constexpr std::size_t longestLine = 8192;
+    if (line.empty() || line.size() > longestLine)
+        throw Invalid(subject + " contains an invalid line");
+    const auto field = splitKeyValue(line);
+    if (!field)
+        throw Invalid(subject + " contains an invalid field");
+    return *field;
 }
 
 } // namespace maintenance

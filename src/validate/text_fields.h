@@ -25,4 +25,8 @@ struct KeyValue {
 /// Takes `line` apart at its first "="; nothing when it has none.
 std::optional<KeyValue> splitKeyValue(std::string_view line);
 
+/// Takes a line of a plan or descriptor apart, which has 1 to 8192 bytes and an "=".
+/// Throws Invalid subject + " contains an invalid line" or subject + " contains an invalid field".
+KeyValue requireFieldLine(std::string_view line, const std::string& subject);
+
 } // namespace maintenance
