@@ -1,10 +1,10 @@
 #include "fs/publish.h"
 
 #include "fs/fixed_directory.h"
+#include "fs/leftovers.h"
 #include "fs/owner_power.h"
 #include "validate/invalid.h"
 
-#include <climits>
 #include <fcntl.h>
 #include <fstream>
 #include <stdexcept>
@@ -15,15 +15,6 @@ namespace maintenance {
 namespace {
 
 constexpr mode_t metadataMode = 0600;
-
-/// The name under which this process writes what will be called `name`; of a very long name only what fits.
-std::string temporaryName(const std::string& name)
-{
-    const std::string suffix = ".new." + std::to_string(::getpid());
-    std::string temporary = ".";
-    temporary.append(name, 0, NAME_MAX - 1 - suffix.size());
-    return temporary.append(suffix);
-}
 
 bool isChecked(std::string_view relative)
 {
@@ -89,6 +80,8 @@ void publishAtomically(const FixedPlace& place, Durability durability, const std
         openFixedDirectory(place.scope, parentOf(place.relative), true, isChecked(place.relative));
     const std::string name = nameOf(place.relative);
     requireReplaceable(directory.get(), name, place.scope);
+    if (durability == Durability::Record)
+        removeLeftovers(place.scope, directory.get(), name);
     const std::string temporary = temporaryName(name);
     OwnedFd file = createTemporary(directory.get(), temporary, scopeOwner(place.scope));
     try {

@@ -11,7 +11,8 @@ namespace maintenance {
 
 /// Publishes a file atomically and durably: what `write` produces appears whole under the final name, with
 /// mode 0600 and owned by the scope's owner, or not at all. Missing directories are created; below the
-/// maker's support directory all of them are checked.
+/// maker's support directory all of them are checked. Before a record is published, what killed runs have
+/// left of it is removed.
 ///
 /// place       where the file is to stand
 /// durability  how far the content and the name must have got when this returns

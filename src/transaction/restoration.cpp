@@ -4,6 +4,7 @@
 #include "fs/existence.h"
 #include "fs/fixed_directory.h"
 #include "fs/fixed_file.h"
+#include "fs/leftovers.h"
 #include "fs/removal.h"
 #include "fs/sha256.h"
 #include "inventory/installed_products.h"
@@ -110,6 +111,8 @@ void restoreFile(const FixedPlace& place, const FixedPlace& copy, const std::str
         return;
     if (standing == Standing::Foreign)
         removeOwned(place, "", Links::Remove);
+    if (const OwnedFd directory = walkFixedDirectory(place.scope, parentOf(place.relative)))
+        removeLeftovers(place.scope, directory.get(), nameOf(place.relative));
     copyFixed(copy, place, hash);
 }
 

@@ -5,10 +5,7 @@
 namespace maintenance::rehearsed {
 namespace {
 
-TEST(UsageError, OfNoArgumentsIsSilent)
-{
-    EXPECT_EQ(run({}), usageError());
-}
+TEST(UsageError, OfNoArgumentsIsSilent) { EXPECT_EQ(run({}), usageError()); }
 
 TEST(Inspect, SaysRepairForAnInstalledProductOfTheSameVersion)
 {

@@ -105,7 +105,7 @@ TEST(FixedDirectory, WithAnEmptyPathIsTheScopeRoot)
 TEST(FixedDirectory, IsClosedWhenAnotherProgramIsRun)
 {
     makeMaintenance();
-    for (const std::string path : {std::string(), maintenancePath, std::string("Library/new")}) {
+    for (const std::string& path : {std::string(), maintenancePath, std::string("Library/new")}) {
         const OwnedFd directory = openFixedDirectory("user", path, create, check);
         EXPECT_EQ(::fcntl(directory.get(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC) << path;
     }
@@ -162,7 +162,7 @@ TEST(FixedDirectory, OfAnOddNameIsRefusedAndNothingIsCreated)
     makeMaintenance();
     const std::string nul(1, '\0');
     const Tree before = takeTree();
-    for (const std::string path :
+    for (const std::string& path :
          {std::string("/"), std::string("/Library"), std::string("Library/"), std::string("Library//x"),
           std::string("."), std::string(".."), std::string("./Library"), std::string("Library/./x"),
           std::string("Library/../x"), std::string("Library/.."), nul, "Library/x" + nul + "y",
@@ -401,7 +401,7 @@ TEST(CreatedOwner, IsGivenByRootWhereTheDirectoryAboveIsRoots)
 
 TEST(CreatedOwner, ThatCannotBeAssignedIsReported)
 {
-    makeDirectories("/tmp/new");
+    makeDirectories("/tmp/new", {playerUid, 0755});
     EXPECT_EQ(asAccount(playerUid,
                         [] {
                             const OwnedFd above(::open("/tmp", O_RDONLY | O_CLOEXEC));
@@ -409,7 +409,7 @@ TEST(CreatedOwner, ThatCannotBeAssignedIsReported)
                             assignCreatedOwner(above.get(), made.get(), "system");
                         }),
               notAssigned);
-    EXPECT_EQ(describe("/tmp/new"), "dir 0 0755");
+    EXPECT_EQ(describe("/tmp/new"), "dir 501 0755");
 }
 
 TEST(RelativePath, HasAParentAndAName)

@@ -21,10 +21,7 @@ const std::string ofAbc = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410f
 const std::string ofAMillionA = "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0";
 const std::string notHashed = "cannot hash an owned file";
 
-std::string zeros(std::size_t count)
-{
-    return std::string(count, '\0');
-}
+std::string zeros(std::size_t count) { return std::string(count, '\0'); }
 
 std::string randomBytes(std::size_t count, std::mt19937& random)
 {
@@ -125,8 +122,10 @@ struct Implementation {
 std::vector<Implementation> implementations()
 {
     std::vector<Implementation> found = {{"portable", compressPortably}};
-    if (x86Compression() != nullptr) found.push_back({"x86", x86Compression()});
-    if (armCompression() != nullptr) found.push_back({"arm", armCompression()});
+    if (x86Compression() != nullptr)
+        found.push_back({"x86", x86Compression()});
+    if (armCompression() != nullptr)
+        found.push_back({"arm", armCompression()});
     return found;
 }
 

@@ -26,7 +26,8 @@ constexpr mode_t permissionBits = 07777;
 
 void require(bool done, const std::string& what, const fs::path& path)
 {
-    if (!done) throw std::system_error(errno, std::generic_category(), what + " " + path.native());
+    if (!done)
+        throw std::system_error(errno, std::generic_category(), what + " " + path.native());
 }
 
 void own(const fs::path& path, Ownership ownership)
@@ -64,7 +65,8 @@ std::string typeWord(mode_t mode)
 std::string describeStatus(const fs::path& path, const struct stat& status)
 {
     std::string text = typeWord(status.st_mode) + " " + std::to_string(status.st_uid);
-    if (S_ISLNK(status.st_mode)) return text + " -> " + fs::read_symlink(path).native();
+    if (S_ISLNK(status.st_mode))
+        return text + " -> " + fs::read_symlink(path).native();
     text += " " + octal(status.st_mode);
     if (!S_ISDIR(status.st_mode) && status.st_nlink != 1)
         text += " " + std::to_string(status.st_nlink) + " links";
@@ -80,7 +82,8 @@ std::string identity(const struct stat& status)
 void addToTree(Tree& tree, const fs::path& path, bool exact)
 {
     struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) return;
+    if (::lstat(path.c_str(), &status) != 0)
+        return;
     std::string& line = tree[path.native()];
     line = describeStatus(path, status);
     if (S_ISREG(status.st_mode)) {
@@ -113,7 +116,8 @@ void writeFile(const fs::path& path, std::string_view content, Ownership ownersh
 
 void makeDirectories(const fs::path& path, Ownership ownership)
 {
-    if (path.empty() || path == "/" || isThere(path)) return;
+    if (path.empty() || path == "/" || isThere(path))
+        return;
     makeDirectories(path.parent_path(), {ownership.owner, 0755});
     require(::mkdir(path.c_str(), 0700) == 0, "mkdir", path);
     own(path, ownership);
@@ -152,20 +156,14 @@ void makeHardLink(const fs::path& path, const fs::path& existing)
     require(::link(existing.c_str(), path.c_str()) == 0, "link", path);
 }
 
-void setMode(const fs::path& path, mode_t mode)
-{
-    require(::chmod(path.c_str(), mode) == 0, "chmod", path);
-}
+void setMode(const fs::path& path, mode_t mode) { require(::chmod(path.c_str(), mode) == 0, "chmod", path); }
 
 void setOwner(const fs::path& path, uid_t owner)
 {
     require(::lchown(path.c_str(), owner, static_cast<gid_t>(-1)) == 0, "chown", path);
 }
 
-void removeAll(const fs::path& path)
-{
-    fs::remove_all(path);
-}
+void removeAll(const fs::path& path) { fs::remove_all(path); }
 
 std::string readFile(const fs::path& path)
 {
@@ -183,14 +181,16 @@ bool isThere(const fs::path& path)
 std::string describe(const fs::path& path)
 {
     struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) return "nothing";
+    if (::lstat(path.c_str(), &status) != 0)
+        return "nothing";
     return describeStatus(path, status);
 }
 
 std::vector<std::string> namesIn(const fs::path& directory)
 {
     std::vector<std::string> names;
-    if (!fs::is_directory(directory)) return names;
+    if (!fs::is_directory(directory))
+        return names;
     for (const fs::directory_entry& entry : fs::directory_iterator(directory))
         names.push_back(entry.path().filename().native());
     std::sort(names.begin(), names.end());
@@ -214,15 +214,9 @@ const std::vector<std::string>& examinedPlaces()
     return places;
 }
 
-Tree takeTree(const std::vector<std::string>& places)
-{
-    return take(places, false);
-}
+Tree takeTree(const std::vector<std::string>& places) { return take(places, false); }
 
-Tree takeExactTree(const std::vector<std::string>& places)
-{
-    return take(places, true);
-}
+Tree takeExactTree(const std::vector<std::string>& places) { return take(places, true); }
 
 std::string difference(const Tree& before, const Tree& after)
 {
@@ -235,7 +229,8 @@ std::string difference(const Tree& before, const Tree& after)
             text += "~ " + path + ": " + line + " -> " + now->second + "\n";
     }
     for (const auto& [path, line] : after)
-        if (!before.contains(path)) text += "+ " + path + ": " + line + "\n";
+        if (!before.contains(path))
+            text += "+ " + path + ": " + line + "\n";
     return text;
 }
 
@@ -244,10 +239,12 @@ std::vector<std::string> changedPaths(const Tree& before, const Tree& after)
     std::vector<std::string> paths;
     for (const auto& [path, line] : before) {
         const auto now = after.find(path);
-        if (now == after.end() || now->second != line) paths.push_back(path);
+        if (now == after.end() || now->second != line)
+            paths.push_back(path);
     }
     for (const auto& [path, line] : after)
-        if (!before.contains(path)) paths.push_back(path);
+        if (!before.contains(path))
+            paths.push_back(path);
     std::sort(paths.begin(), paths.end());
     return paths;
 }

@@ -22,7 +22,8 @@ constexpr std::chrono::seconds patience{30};
 
 void check(bool done, const char* what)
 {
-    if (!done) throw std::system_error(errno, std::generic_category(), what);
+    if (!done)
+        throw std::system_error(errno, std::generic_category(), what);
 }
 
 struct Pipe {
@@ -46,20 +47,24 @@ Pipe makePipes()
 void redirectOutput(Output output, int captured)
 {
     int target = captured;
-    if (output == Output::FullDevice) target = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
+    if (output == Output::FullDevice)
+        target = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
     if (output == Output::BrokenPipe) {
         const Pipe pipe = makePipes();
         ::close(pipe.readEnd);
         target = pipe.writeEnd;
     }
-    if (target < 0 || ::dup2(target, STDOUT_FILENO) < 0) giveUp("standard output");
+    if (target < 0 || ::dup2(target, STDOUT_FILENO) < 0)
+        giveUp("standard output");
 }
 
 void becomeAccount(uid_t account)
 {
-    if (account == rootUid) return;
+    if (account == rootUid)
+        return;
     const gid_t group = staffGid;
-    if (::setgroups(1, &group) != 0 || ::setgid(group) != 0 || ::setuid(account) != 0) giveUp("account");
+    if (::setgroups(1, &group) != 0 || ::setgid(group) != 0 || ::setuid(account) != 0)
+        giveUp("account");
 }
 
 std::vector<char*> pointers(std::vector<std::string>& words)
@@ -76,7 +81,8 @@ std::vector<std::string> environment()
     std::vector<std::string> words = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "HOME=/Users/other", "USER=other",
                                       "LOGNAME=other", "LC_ALL=C"};
     for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS"})
-        if (const char* value = std::getenv(name)) words.push_back(std::string(name) + "=" + value);
+        if (const char* value = std::getenv(name))
+            words.push_back(std::string(name) + "=" + value);
     return words;
 }
 
@@ -91,7 +97,8 @@ std::vector<std::string> environment()
     std::signal(SIGCHLD, surroundings.childSignalsIgnored ? SIG_IGN : SIG_DFL);
     if (surroundings.largestFile) {
         const rlimit limit{*surroundings.largestFile, *surroundings.largestFile};
-        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) giveUp("limit");
+        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0)
+            giveUp("limit");
     }
     becomeAccount(surroundings.account);
     for (const int descriptor : surroundings.closed)
@@ -108,10 +115,12 @@ bool collect(int out, int err, Outcome& outcome)
     const std::array<std::string*, 2> texts = {&outcome.out, &outcome.err};
     const auto end = std::chrono::steady_clock::now() + patience;
     while (watched[0].fd >= 0 || watched[1].fd >= 0) {
-        if (std::chrono::steady_clock::now() > end) return false;
+        if (std::chrono::steady_clock::now() > end)
+            return false;
         ::poll(watched.data(), watched.size(), 100);
         for (std::size_t i = 0; i < watched.size(); ++i) {
-            if (watched[i].fd < 0 || watched[i].revents == 0) continue;
+            if (watched[i].fd < 0 || watched[i].revents == 0)
+                continue;
             std::array<char, 4096> chunk;
             const ssize_t count = ::read(watched[i].fd, chunk.data(), chunk.size());
             if (count > 0)
@@ -133,20 +142,23 @@ Outcome runProgram(const std::filesystem::path& program, const std::vector<std::
     const Pipe err = makePipes();
     const pid_t child = ::fork();
     check(child >= 0, "fork");
-    if (child == 0) become(executable, words, surroundings, out.writeEnd, err.writeEnd);
+    if (child == 0)
+        become(executable, words, surroundings, out.writeEnd, err.writeEnd);
     ::close(executable);
     ::close(out.writeEnd);
     ::close(err.writeEnd);
 
     Outcome outcome;
     const bool ended = collect(out.readEnd, err.readEnd, outcome);
-    if (!ended) ::kill(child, SIGKILL);
+    if (!ended)
+        ::kill(child, SIGKILL);
     int status = 0;
     check(::waitpid(child, &status, 0) == child, "waitpid");
     ::close(out.readEnd);
     ::close(err.readEnd);
     outcome.status = WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
-    if (!ended) outcome.status = timedOut;
+    if (!ended)
+        outcome.status = timedOut;
     return outcome;
 }
 
@@ -165,35 +177,17 @@ std::ostream& operator<<(std::ostream& stream, const Outcome& outcome)
                   << shortened(outcome.err) << "\"";
 }
 
-Outcome succeeded(const std::string& out)
-{
-    return {0, out, ""};
-}
+Outcome succeeded(const std::string& out) { return {0, out, ""}; }
 
-Outcome usageError()
-{
-    return {64, "", ""};
-}
+Outcome usageError() { return {64, "", ""}; }
 
-Outcome refused(const std::string& message)
-{
-    return {65, "", message + "\n"};
-}
+Outcome refused(const std::string& message) { return {65, "", message + "\n"}; }
 
-Outcome notLocated(const std::string& message)
-{
-    return {66, "", message + "\n"};
-}
+Outcome notLocated(const std::string& message) { return {66, "", message + "\n"}; }
 
-Outcome failed(const std::string& message)
-{
-    return {70, "", message + "\n"};
-}
+Outcome failed(const std::string& message) { return {70, "", message + "\n"}; }
 
-Outcome endedBy(int signal)
-{
-    return {-signal, "", ""};
-}
+Outcome endedBy(int signal) { return {-signal, "", ""}; }
 
 Surroundings asPlayer()
 {
@@ -209,19 +203,13 @@ Outcome run(const Arguments& arguments, const Surroundings& surroundings)
     return runProgram(surroundings.tool.empty() ? builtTool() : surroundings.tool, words, surroundings);
 }
 
-Outcome runWithoutName()
-{
-    return runProgram(builtTool(), {}, {});
-}
+Outcome runWithoutName() { return runProgram(builtTool(), {}, {}); }
 
 Outcome runCommand(const Arguments& words, const Surroundings& surroundings)
 {
     return runProgram(words.at(0), words, surroundings);
 }
 
-std::filesystem::path builtTool()
-{
-    return MAINTENANCE_TOOL;
-}
+std::filesystem::path builtTool() { return MAINTENANCE_TOOL; }
 
 } // namespace maintenance::rehearsed

@@ -47,20 +47,11 @@ Package pluginPackage(const std::string& id, const std::string& version, const s
 
 } // namespace
 
-fs::path rootOf(const std::string& scope)
-{
-    return scope == "user" ? playerHome : "/";
-}
+fs::path rootOf(const std::string& scope) { return scope == "user" ? playerHome : "/"; }
 
-uid_t ownerOf(const std::string& scope)
-{
-    return scope == "user" ? playerUid : rootUid;
-}
+uid_t ownerOf(const std::string& scope) { return scope == "user" ? playerUid : rootUid; }
 
-std::string oppositeOf(const std::string& scope)
-{
-    return scope == "user" ? "system" : "user";
-}
+std::string oppositeOf(const std::string& scope) { return scope == "user" ? "system" : "user"; }
 
 std::string metadataFileOf(const std::string& scope)
 {
@@ -72,45 +63,24 @@ std::string directoryOf(const std::string& scope)
     return "dir " + std::to_string(ownerOf(scope)) + " 0755";
 }
 
-fs::path supportOf(const std::string& scope)
-{
-    return rootOf(scope) / supportPath;
-}
+fs::path supportOf(const std::string& scope) { return rootOf(scope) / supportPath; }
 
-fs::path maintenanceOf(const std::string& scope)
-{
-    return supportOf(scope) / "Maintenance";
-}
+fs::path maintenanceOf(const std::string& scope) { return supportOf(scope) / "Maintenance"; }
 
-fs::path inboxOf(const std::string& scope)
-{
-    return maintenanceOf(scope) / "Inbox";
-}
+fs::path inboxOf(const std::string& scope) { return maintenanceOf(scope) / "Inbox"; }
 
 fs::path descriptorOf(const std::string& scope, const std::string& id)
 {
     return inboxOf(scope) / (id + ".tpmt");
 }
 
-fs::path lockOf(const std::string& scope)
-{
-    return maintenanceOf(scope) / "maintenance.lock";
-}
+fs::path lockOf(const std::string& scope) { return maintenanceOf(scope) / "maintenance.lock"; }
 
-fs::path leaseOf(const std::string& scope)
-{
-    return maintenanceOf(scope) / "ActiveTransaction";
-}
+fs::path leaseOf(const std::string& scope) { return maintenanceOf(scope) / "ActiveTransaction"; }
 
-fs::path pendingOf(const std::string& scope)
-{
-    return maintenanceOf(scope) / "PendingInstall";
-}
+fs::path pendingOf(const std::string& scope) { return maintenanceOf(scope) / "PendingInstall"; }
 
-fs::path indexOf(const std::string& scope)
-{
-    return supportOf(scope) / "installed-products.json";
-}
+fs::path indexOf(const std::string& scope) { return supportOf(scope) / "installed-products.json"; }
 
 fs::path recordOf(const std::string& scope, const std::string& product)
 {
@@ -284,7 +254,8 @@ std::string Work::authority() const
 
 std::vector<std::string> Work::involved() const
 {
-    if (source_ == "none") return {target_};
+    if (source_ == "none")
+        return {target_};
     return {source_, target_};
 }
 
@@ -345,7 +316,8 @@ std::string Work::prepared(const std::string& id, const std::string& generation)
 
 std::string publish(const Work& work, const std::string& id)
 {
-    if (work.source() != "none") makeLayout(work.source());
+    if (work.source() != "none")
+        makeLayout(work.source());
     return publishText(work.target(), work.text(), id);
 }
 
@@ -392,16 +364,14 @@ fs::path placeTool(const std::string& scope, const std::string& plan, uid_t owne
     return tool;
 }
 
-std::string generationOf(char digit)
-{
-    return std::string(64, digit);
-}
+std::string generationOf(char digit) { return std::string(64, digit); }
 
 std::string fieldOf(const std::string& text, const std::string& key)
 {
     const std::string marked = "\n" + text;
     const std::size_t start = marked.find("\n" + key + "=");
-    if (start == std::string::npos) throw std::runtime_error("no line " + key + " in: " + text);
+    if (start == std::string::npos)
+        throw std::runtime_error("no line " + key + " in: " + text);
     const std::size_t value = start + key.size() + 2;
     return marked.substr(value, marked.find('\n', value) - value);
 }

@@ -22,7 +22,8 @@ constexpr const char* logFile = "/var/log/pkgutil-stand-in.log";
 
 void check(bool done, const char* what)
 {
-    if (!done) throw std::system_error(errno, std::generic_category(), what);
+    if (!done)
+        throw std::system_error(errno, std::generic_category(), what);
 }
 
 /// Takes the lock and says so through the pipe; ends with the process.
@@ -47,15 +48,9 @@ void setConsole(uid_t account)
     writeFile(seatFile, seatStart + ("ACTIVE=1\nACTIVE_UID=" + id + "\nSESSIONS=1\nUIDS=" + id + "\n"));
 }
 
-void setNobodyAtConsole()
-{
-    writeFile(seatFile, seatStart);
-}
+void setNobodyAtConsole() { writeFile(seatFile, seatStart); }
 
-void removeLoginManager()
-{
-    removeAll("/run/systemd");
-}
+void removeLoginManager() { removeAll("/run/systemd"); }
 
 void instructPkgutil(const std::string& rules)
 {
@@ -74,20 +69,19 @@ std::vector<std::string> pkgutilCalls()
     return calls;
 }
 
-void forgetPkgutilCalls()
-{
-    writeFile(logFile, "", {rootUid, 0666});
-}
+void forgetPkgutilCalls() { writeFile(logFile, "", {rootUid, 0666}); }
 
 HeldLock::HeldLock(const std::string& scope)
 {
     const std::filesystem::path lock = lockOf(scope);
-    if (!isThere(lock)) writeFile(lock, "", {ownerOf(scope), 0600});
+    if (!isThere(lock))
+        writeFile(lock, "", {ownerOf(scope), 0600});
     std::array<int, 2> ends{};
     check(::pipe2(ends.data(), O_CLOEXEC) == 0, "pipe");
     holder_ = ::fork();
     check(holder_ >= 0, "fork");
-    if (holder_ == 0) holdLock(lock, ends[1]);
+    if (holder_ == 0)
+        holdLock(lock, ends[1]);
     ::close(ends[1]);
     char answer = 'n';
     const bool answered = ::read(ends[0], &answer, 1) == 1;

@@ -145,7 +145,8 @@ TEST(OwnedPath, LiesInsideABundleOfTheMakerAtADestination)
 
 TEST(OwnedPath, BelowABundleMayBeAnyPlainPath)
 {
-    expectJudgements(safeRelative, {{components + "TP Foo.component/", accepted},
+    expectJudgements(safeRelative, {{components + "TP Foo.component/", noBundle},
+                                    {components + "TP Foo.component/a/", noBundle},
                                     {components + "TP Foo.component/a/b/c/d.e", accepted},
                                     {components + "TP Foo.component/VST3/x", accepted},
                                     {components + "TP Foo.component/._x", accepted},

@@ -1,0 +1,23 @@
+#pragma once
+
+#include "fs/scope.h"
+
+#include <string>
+#include <string_view>
+
+namespace maintenance {
+
+/// Returns the name under which this process writes what is to be called `name`: "." + name + ".new." and the
+/// process id; of a very long name only as much as a file system accepts.
+std::string temporaryName(const std::string& name);
+
+/// Tells whether `entry` is the temporary name that some process gives to what is to be called `name`.
+bool isTemporaryNameOf(std::string_view entry, std::string_view name);
+
+/// Removes what earlier runs, killed while they published `name`, have left under temporary names in the open
+/// directory `directory` (borrowed). Only single-linked regular files of the scope's owner are removed, and
+/// never this process's own temporary name, whose presence is an error of its own. Must be called with the
+/// scope's lock held, when no other run can be writing there. Whatever cannot be removed is left alone.
+void removeLeftovers(const std::string& scope, int directory, const std::string& name);
+
+} // namespace maintenance
