@@ -1,0 +1,116 @@
+"""Runs the maintenance tool inside a rehearsal root, undisturbed or interrupted."""
+
+import os
+import shutil
+import subprocess
+from dataclasses import dataclass, field
+
+from common import products
+
+TOOLS = "/opt/campaign"
+NAME = "TamarindPelicanMaintenance"
+INTERRUPT = TOOLS + "/interrupt"
+REPORT = "/run/interrupt-report"
+ENVIRONMENT = {"PATH": "/usr/bin:/bin:/usr/sbin:/sbin", "LANG": "C"}
+
+
+@dataclass(frozen=True)
+class Actor:
+    """Who runs the tool."""
+
+    name: str
+    uid: int
+    gid: int
+
+    @property
+    def directory(self):
+        """Holds this actor's own copy of the tool, and the plan beside it."""
+        return TOOLS + "/" + self.name
+
+
+ACCOUNT = Actor("account", products.ACCOUNT, products.STAFF)
+ROOT = Actor("root", 0, 0)
+
+
+@dataclass
+class Outcome:
+    """How a run ended and what was seen of it."""
+
+    ended: str                                  # "exit", "signal", "killed" or "hung"
+    status: int
+    stdout: bytes
+    stderr: bytes
+    calls: list = field(default_factory=list)   # (kind, number, name, subject, result)
+    hits: list = field(default_factory=list)    # (kind, number, name, subject)
+    leaks: list = field(default_factory=list)   # what was still open at the end
+    counts: dict = field(default_factory=dict)
+
+    def succeeded(self, stdout=b""):
+        return (self.ended, self.status, self.stdout, self.stderr) == ("exit", 0, stdout, b"")
+
+    def says(self):
+        text = (self.stderr + self.stdout).decode("utf-8", "replace").rstrip("\n")
+        return f"{self.ended} {self.status}: {text}"
+
+
+def install_tools(build):
+    """Copies what the campaign runs into the root; `build` is the build directory."""
+    os.makedirs(TOOLS, exist_ok=True)
+    shutil.copy(build + "/campaigns/interrupt", INTERRUPT)
+    for actor in (ACCOUNT, ROOT):
+        os.makedirs(actor.directory, exist_ok=True)
+        shutil.copy(build + "/" + NAME, actor.directory)
+        os.chmod(actor.directory + "/" + NAME, 0o755)
+        for path in (actor.directory, actor.directory + "/" + NAME):
+            os.chown(path, actor.uid, actor.gid)
+
+
+def place_plan(actor, text):
+    """Puts a transaction plan beside the actor's copy of the tool."""
+    path = actor.directory + "/transaction-plan.tpmp"
+    with open(path, "w", encoding="ascii") as file:
+        file.write(text)
+    os.chown(path, actor.uid, actor.gid)
+    os.chmod(path, 0o644)
+
+
+def run(actor, words, points=(), record=False):
+    """Runs one command; `points` are what interrupt's option --at takes."""
+    command = [INTERRUPT, "--report", REPORT, "--user", str(actor.uid), "--group", str(actor.gid)]
+    for point in points:
+        command += ["--at", point]
+    if record:
+        command.append("--record")
+    command += ["--", actor.directory + "/" + NAME, *words]
+    done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, env=ENVIRONMENT, cwd="/",
+                          check=False)
+    if done.returncode != 0:
+        raise RuntimeError("interrupt failed: " + done.stderr.decode("utf-8", "replace"))
+    outcome = Outcome("", 0, done.stdout, done.stderr)
+    with open(REPORT, encoding="utf-8", errors="replace") as report:
+        for line in report:
+            _read_line(outcome, line.rstrip("\n").split("\t"))
+    return outcome
+
+
+def run_plainly(actor, words):
+    """Runs one command without watching it, which is faster."""
+    as_account = {} if actor.uid == 0 else {"user": actor.uid, "group": actor.gid, "extra_groups": []}
+    done = subprocess.run([actor.directory + "/" + NAME, *words], stdin=subprocess.DEVNULL, capture_output=True,
+                          env=ENVIRONMENT, cwd="/", check=False, **as_account)
+    ended = "signal" if done.returncode < 0 else "exit"
+    return Outcome(ended, abs(done.returncode), done.stdout, done.stderr)
+
+
+def _read_line(outcome, fields):
+    if fields[0] == "call":
+        outcome.calls.append((fields[1], int(fields[2]), fields[3], fields[4], int(fields[5])))
+    elif fields[0] == "hit":
+        outcome.hits.append((fields[1], int(fields[2]), fields[3], fields[4]))
+    elif fields[0] == "open":
+        outcome.leaks.append(f"descriptor {fields[1]}: {fields[2]}")
+    elif fields[0] == "counts":
+        outcome.counts[fields[1]] = int(fields[2])
+    elif fields[0] == "ended":
+        outcome.ended = fields[1]
+        outcome.status = int(fields[2]) if len(fields) > 2 else 0

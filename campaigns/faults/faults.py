@@ -1,0 +1,169 @@
+#!/usr/bin/env python3
+"""Kills and disturbs runs of the real tool at their system calls, and judges how the next run goes on."""
+
+import argparse
+import collections
+import fnmatch
+import itertools
+import json
+import os
+import sys
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+
+from common import tool, workers            # noqa: E402
+from faults import judge, pkgutil_ways, points, scenarios   # noqa: E402
+
+ALL = None
+# Of each family of points at most so many in each scenario; a family that is not named is left out.
+SIZES = {
+    "sample": {"kill": 8, "back": 2, "error": 6, "stuck": 1, "short": 1, "access": 4, "memory": 2, "pkgutil": 4,
+               "chain": 2},
+    "full": {"kill": ALL, "back": 20, "error": 60, "stuck": 12, "short": 8, "access": 40, "memory": 12,
+             "pkgutil": 60, "chain": 15},
+    "everything": {family: ALL for family in ("kill", "back", "error", "stuck", "short", "access", "memory",
+                                               "pkgutil", "chain")},
+}
+SAMPLED = ("account-user/clean/*", "account-user/upgrade/prepare-move", "root-user/upgrade/*",
+           "root-system/repair/*", "root-user/remove-last/*", "root-system/remove-one/*", "user-to-system/dropped/*",
+           "system-to-user/kept/commit-move", "account-user/remove-last/*")
+PARTS = 3  # of a scenario, so that the cores end at about the same time
+
+
+def serve(build):
+    """A worker's life, inside a rehearsal root: a request a line comes in, an answer a line goes out."""
+    tool.install_tools(build)
+    pkgutil_ways.prepare()
+    if os.path.exists("/var/log/pkgutil-stand-in.log"):
+        os.unlink("/var/log/pkgutil-stand-in.log")
+    for line in sys.stdin:
+        try:
+            answer = answer_to(json.loads(line))
+        except scenarios.Broken as broken:
+            answer = {"broken": str(broken)}
+        print(json.dumps(answer), flush=True)
+
+
+def answer_to(request):
+    """Runs the points that a request asks for."""
+    name = request["scenario"]
+    if "point" in request:
+        texts = [request["point"]]
+        families = ["single"]
+    else:
+        chosen = points.choose(scenarios.scenario(name), request["limits"], request["seed"])
+        chosen = chosen[request["part"]::PARTS]
+        texts, families = [p.text for p in chosen], [p.family for p in chosen]
+    verdicts = []
+    for text, family in zip(texts, families):
+        verdict = judge.run_point(name, text)
+        verdicts.append([family, verdict.point, verdict.kind, verdict.said, verdict.faults])
+    return {"verdicts": verdicts}
+
+
+class Tally:
+    """Counts verdicts and prints the failing ones as they come."""
+
+    def __init__(self, report):
+        self.counts = collections.Counter()
+        self.failed = collections.Counter()
+        self.broken = []
+        self._report = open(report, "w", encoding="utf-8") if report else None
+
+    def take(self, request, answer):
+        if "broken" in answer:
+            self.broken.append(answer["broken"])
+            print("BROKEN  " + answer["broken"], flush=True)
+            return
+        for family, point, kind, said, faults in answer["verdicts"]:
+            self.counts[family, kind] += 1
+            if faults:
+                self.failed[family] += 1
+                show(point, said, faults)
+            if self._report:
+                print(json.dumps([family, point, kind, said, faults]), file=self._report, flush=True)
+
+    def total(self):
+        return sum(self.counts.values())
+
+    def failures(self):
+        return sum(self.failed.values())
+
+
+def show(point, said, faults):
+    print(f"FAILED  ./dev faults --point '{point}'", flush=True)
+    print("        the disturbed run: " + said)
+    for fault in faults[:8]:
+        print("        " + fault)
+    if len(faults) > 8:
+        print(f"        and {len(faults) - 8} more")
+    sys.stdout.flush()
+
+
+def summarize(tally, seconds, seed):
+    families = sorted({family for family, _ in tally.counts})
+    for family in families:
+        kinds = ", ".join(f"{kind or 'unfinished'} {count}" for (of, kind), count in sorted(tally.counts.items())
+                          if of == family)
+        total = sum(count for (of, _), count in tally.counts.items() if of == family)
+        print(f"{family:8} {total:6} points, {tally.failed[family]:4} failed   ({kinds})")
+    good = tally.total() - tally.failures()
+    share = 100 * good / max(1, tally.total())
+    print(f"{'total':8} {tally.total():6} points, {tally.failures():4} failed, {share:.2f} % good, "
+          f"{seconds:.0f} s, seed {seed}")
+
+
+def requests(arguments):
+    """What the workers are asked to do, the long pieces first."""
+    if arguments.point:
+        for spec in arguments.point:
+            name, _, text = spec.partition("@")
+            if name not in scenarios.names() or not text:
+                sys.exit("no such point: " + spec)
+            yield {"scenario": name, "point": text}
+        return
+    patterns = arguments.only or (SAMPLED if arguments.size == "sample" else ("*",))
+    names = [name for name in scenarios.names() if any(fnmatch.fnmatch(name, pattern) for pattern in patterns)]
+    limits = SIZES[arguments.size]
+    if arguments.families:
+        limits = {family: limits.get(family) for family in arguments.families.split(",")}
+    names.sort(key=lambda name: ("uninstall" not in name, "-to-" not in name, "prepare" not in name))
+    for name, part in itertools.product(names, range(PARTS)):
+        yield {"scenario": name, "limits": limits, "seed": arguments.seed, "part": part}
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(prog="./dev faults", description=__doc__)
+    parser.add_argument("--build", required=True, help=argparse.SUPPRESS)
+    parser.add_argument("--worker", action="store_true", help=argparse.SUPPRESS)
+    parser.add_argument("--size", choices=SIZES, default="full", help="how many points; default full")
+    parser.add_argument("--seed", default="1", help="another seed chooses other points; default 1")
+    parser.add_argument("--only", action="append", metavar="PATTERN", help="only scenarios of such names")
+    parser.add_argument("--families", metavar="LIST", help="only these families of points, separated by commas")
+    parser.add_argument("--point", action="append", metavar="POINT", help="run this one point again")
+    parser.add_argument("--list", action="store_true", help="list the scenarios")
+    parser.add_argument("--jobs", type=int, default=len(os.sched_getaffinity(0)), help="rehearsal roots at once")
+    parser.add_argument("--report", metavar="FILE", help="write every verdict to FILE, one JSON array a line")
+    return parser.parse_args()
+
+
+def main():
+    arguments = parse_arguments()
+    if arguments.worker:
+        serve(arguments.build)
+        return 0
+    if arguments.list:
+        print("\n".join(scenarios.names()))
+        return 0
+    began = time.monotonic()
+    tally = Tally(arguments.report)
+    command = [sys.executable, os.path.abspath(__file__), "--worker", "--build", arguments.build]
+    asked = list(requests(arguments))
+    workers.run(arguments.build, command, asked, min(arguments.jobs, len(asked)), tally.take)
+    summarize(tally, time.monotonic() - began, arguments.seed)
+    return 1 if tally.failures() or tally.broken or not tally.total() else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

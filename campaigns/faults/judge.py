@@ -1,0 +1,245 @@
+"""Does one thing to one run, goes on as the documents say, and judges what came of it."""
+
+import re
+import stat
+from dataclasses import dataclass, field
+
+from common import installation, products, scene, tool, wholeness
+from faults import pkgutil_ways, scenarios
+
+FORWARD = b"pkgutil receipt registration changed; rollback cannot restore package registration\n"
+# These two come with status 66, whatever keeps the inbox or the descriptor from being reached.
+NOT_LOCATED = (b"maintenance descriptor directory is missing or unsafe\n",
+               b"maintenance descriptor is missing or unsafe\n")
+_PRINTED_ID = re.compile(rb"install-[0-9a-f]{64}\n")
+
+
+@dataclass
+class Verdict:
+    """What came of one point."""
+
+    point: str
+    kind: str = ""                              # killed, refused, absorbed or misled
+    said: str = ""                              # how the disturbed run ended
+    faults: list = field(default_factory=list)  # what should not have been; empty is good
+
+
+class Trial:
+    """One point of one scenario."""
+
+    def __init__(self, made, text):
+        self._made = made
+        self._text = text
+        self._verdict = Verdict(f"{made.name}@{text}")
+        self._fingerprints = {}
+        self._undone = None
+        self._anew = None
+
+    def run(self):
+        deeds, _, route = self._text.partition("/")
+        self._know_other_ends(route)
+        self._fingerprints = self._made.enter()
+        kept = {path for path in self._made.start if wholeness.is_temporary(path)}
+        outcome = None
+        for deed in deeds.split("+"):
+            outcome = self._strike(deed)
+            self._verdict.said = outcome.says()
+            self._judge_end(deed, outcome)
+            self._judge_moment("right after", scene.capture())
+            if self._verdict.faults:
+                return self._verdict
+        self._classify(outcome)
+        if route == "back":
+            self._go_back()
+        elif self._verdict.kind not in ("absorbed", "misled"):
+            self._go_on()
+        self._judge_moment("at the end", scene.capture(), kept)
+        return self._verdict
+
+    def _know_other_ends(self, route):
+        """Makes the scenes that the run may also lead to; that uses the disk."""
+        self._undone = scenarios.undone_scene(self._made) if route == "back" else None
+        self._anew = scenarios.begun_anew(self._made) if self._made.name.endswith("/begin-completed") else None
+
+    def _fault(self, text):
+        self._verdict.faults.append(text)
+
+    def _strike(self, deed):
+        kind, number, way = deed.split(":", 2)
+        if kind != "pkgutil":
+            return tool.run(self._made.actor, self._made.words(), [deed])
+        pkgutil_ways.arrange(int(number), way)
+        try:
+            return tool.run(self._made.actor, self._made.words())
+        finally:
+            pkgutil_ways.behave()
+
+    # --- the disturbed run itself ---
+
+    def _judge_end(self, deed, outcome):
+        killing = deed.rsplit(":", 1)[-1] in ("before", "after", "all")
+        first = deed == self._text.partition("/")[0].split("+")[0]
+        if first:
+            self._require_hit(deed, outcome)
+        if outcome.ended == "killed" and killing:
+            return
+        if outcome.ended != "exit" or outcome.status not in (0, 65, 70) and outcome.stderr not in NOT_LOCATED:
+            self._fault("ended badly: " + outcome.says())
+            return
+        for leak in outcome.leaks:
+            self._fault("left open at the end: " + leak)
+        if outcome.status == 0 and outcome.stderr:
+            self._fault("succeeded with a message: " + outcome.says())
+        if outcome.status != 0:
+            self._require_one_line(outcome)
+        if killing and first:
+            self._fault("was not killed: " + outcome.says())
+
+    def _require_one_line(self, outcome):
+        if outcome.stdout and "write" not in [hit[2] for hit in outcome.hits]:
+            self._fault("failed with a result: " + outcome.says())
+        silenced = any(hit[2] == "write" for hit in outcome.hits) and not outcome.stderr
+        line = outcome.stderr
+        if not silenced and (line.count(b"\n") != 1 or not line.endswith(b"\n") or len(line) < 2):
+            self._fault("not one line: " + outcome.says())
+
+    def _require_hit(self, deed, outcome):
+        kind, number, _ = deed.split(":", 2)
+        if kind == "pkgutil" or "shorts" in deed:
+            return
+        recorded = [(call[0], call[1], call[2]) for call in self._made.outcome.calls]
+        hit = next(((hit[0], hit[1], hit[2]) for hit in outcome.hits), None)
+        if hit is None or hit[1] != int(number) or hit not in recorded:
+            self._fault(f"the campaign missed its point: {hit}")
+
+    def _classify(self, outcome):
+        if outcome.ended == "killed":
+            self._verdict.kind = "killed"
+        elif outcome.status != 0 and not self._as_undisturbed(outcome):
+            self._verdict.kind = "refused"
+        else:
+            different = scene.differences(self._made.after, scenarios.normal(self._made, scene.capture()))
+            self._verdict.kind = "misled" if different else "absorbed"
+            for line in different if self._as_undisturbed(outcome) else ["result: " + outcome.says()]:
+                self._fault("a run that noticed nothing: " + line)
+
+    def _as_undisturbed(self, outcome):
+        """Tells whether a run ended with the status and the words of an undisturbed one."""
+        model = self._made.outcome
+        if (outcome.ended, outcome.status, outcome.stderr) != (model.ended, model.status, model.stderr):
+            return False
+        if self._made.command != "begin-install":
+            return outcome.stdout == model.stdout
+        return _PRINTED_ID.fullmatch(outcome.stdout) is not None
+
+    # --- what is on disk ---
+
+    def _judge_moment(self, when, found, temporaries=None):
+        for line in self._made.judge.faults(found):
+            self._fault(f"{when}: {line}")
+        for path in scene.touched(self._fingerprints):
+            self._fault(f"{when}: touched: {path}")
+        if temporaries is not None:
+            for path in found:
+                if wholeness.is_temporary(path) and path not in temporaries:
+                    self._fault("left over: " + path)
+
+    def _compare(self, what, expected, found):
+        for line in scene.differences(expected, found):
+            if not wholeness.is_temporary(line):
+                self._fault(f"{what}: {line}")
+
+    # --- going on ---
+
+    def _run(self, command=None):
+        return tool.run_plainly(self._made.actor, self._made.words(command))
+
+    def _go_on(self):
+        """The same command again; after a failure that took everything back, the whole work again."""
+        expected = self._expected_after()
+        outcome = self._run()
+        if outcome.status == 65 and outcome.stderr == scenarios.LEASE_GONE:
+            self._require_taken_back()
+            if self._made.outcome.status == 0:
+                outcome = self._start_over()
+            else:
+                outcome = self._made.outcome
+        if not self._as_undisturbed(outcome):
+            self._fault("the next command: " + outcome.says())
+            return
+        found = scene.capture()
+        self._compare("in the end", expected, scenarios.normal(self._made, found))
+        if self._made.command == "begin-install":
+            self._require_printed_id(outcome.stdout.decode().strip(), found)
+
+    def _expected_after(self):
+        """A begin-install that was killed after it had cleared a completed attempt, but before it had said so,
+        has nothing left to do: the next one begins anew."""
+        attempt = products.in_scope(self._made.job.target, products.MAINTENANCE + "/PendingInstall")
+        return self._anew if self._anew and attempt not in scene.capture() else self._made.after
+
+    def _require_printed_id(self, identifier, found):
+        place = f"{products.MAINTENANCE}/Inbox/{identifier}.tpmt"
+        if products.in_scope(self._made.job.target, place) not in found:
+            self._fault("printed an identifier without a descriptor: " + identifier)
+
+    def _start_over(self):
+        outcome = self._run("prepare-move")
+        if not outcome.succeeded():
+            return outcome
+        self._made.job.place()
+        return self._run()
+
+    def _require_taken_back(self):
+        """Requires the disk to be as it was when the transaction was prepared, without its leases."""
+        prepared = scenarios.prepared_scene(self._made)
+        expected = {path: entry for path, entry in prepared.items() if not path.endswith("/ActiveTransaction")}
+        self._compare_restored("taken back", expected, scene.capture())
+
+    def _compare_restored(self, what, expected, found):
+        """Compares after a restoration, which gives files the mode 0600 and root's group and leaves emptied
+        directories."""
+        self._compare(what, _leniently(self._made, expected, expected),
+                      _leniently(self._made, found, expected))
+
+    # --- going back ---
+
+    def _go_back(self):
+        """Instead of finishing the work, undoes it; where that is refused, the work can still be finished."""
+        done = self._recorded_as_done(scene.capture())
+        outcome = self._run("rollback-move")
+        if not outcome.succeeded() and self._made.command == "prepare-move":
+            again = self._run()
+            if not again.succeeded():
+                self._fault("prepared again: " + again.says())
+                return
+            outcome = self._run("rollback-move")
+        if outcome.succeeded() and (done or self._undone):
+            expected = self._made.after if done else self._undone
+            self._compare_restored("undone", expected, scenarios.normal(self._made, scene.capture()))
+        elif outcome.status == 65 and outcome.stderr == FORWARD and self._made.command == "commit-move":
+            self._go_on()
+        else:
+            self._fault("rollback-move: " + outcome.says())
+
+    def _recorded_as_done(self, found):
+        ending = f"/Completed/{self._made.identifier}.record"
+        return any(path.endswith(ending) for path in found)
+
+
+def _leniently(made, found, expected):
+    owned = {products.in_scope(scope, path) for scope in ("user", "system")
+             for package in scenarios.EVERYTHING for path in package.files}
+    result = {}
+    for path, entry in found.items():
+        if path in owned:
+            entry = scene.Entry(stat.S_IFREG | 0o600, entry.uid, 0, entry.content)
+        elif entry.content is None and path not in expected and "/Audio/Plug-Ins/" in path:
+            continue
+        result[path] = entry
+    return scenarios.normal(made, result)
+
+
+def run_point(name, text):
+    """Runs one point and returns the verdict."""
+    return Trial(scenarios.scenario(name), text).run()

@@ -1,0 +1,231 @@
+"""Makes the sample plug-ins, and the plans, descriptors and packages that a maker would ship for them."""
+
+import hashlib
+import os
+import shutil
+import subprocess
+from concurrent.futures import ThreadPoolExecutor
+from dataclasses import dataclass
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+NAMES = {"heron": "TP Heron", "ibis": "TP Ibis"}
+PREFIX = "com.tamarindpelican.pkg."
+
+SUPPORT = "Library/Application Support/Tamarind Pelican"
+TOOL = f"{SUPPORT}/TamarindPelicanMaintenance"
+UPDATER = f"{SUPPORT}/TamarindPelicanUpdater"
+PLAN = f"{SUPPORT}/transaction-plan.tpmp"
+
+# The presets that a version of a plug-in brings.
+PRESETS = {
+    ("heron", "1.0.0"): ["Old Pier", "Still Water"],
+    ("heron", "1.1.0"): ["Still Water"],
+    ("heron", "1.2.0"): ["Night Tide", "Still Water"],
+    ("ibis", "1.0.0"): ["Long Echo"],
+}
+
+PROPERTY_LIST = """<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0">
+<dict>
+    <key>CFBundleIdentifier</key><string>com.tamarindpelican.{product}.{kind}</string>
+    <key>CFBundleName</key><string>{name}</string>
+    <key>CFBundleExecutable</key><string>{name}</string>
+    <key>CFBundlePackageType</key><string>BNDL</string>
+    <key>CFBundleShortVersionString</key><string>{version}</string>
+</dict>
+</plist>
+"""
+
+
+@dataclass(frozen=True)
+class Release:
+    """One installer: a product at a version, together with the shared package at a revision."""
+
+    product: str
+    version: str
+    revision: str
+
+    @property
+    def name(self):
+        return NAMES[self.product]
+
+    @property
+    def components(self):
+        """(package identifier, product word of plans and descriptors, version), in installation order."""
+        return [
+            (f"{PREFIX}{self.product}.vst3", self.product, self.version),
+            (f"{PREFIX}{self.product}.au", self.product, self.version),
+            (f"{PREFIX}common", "common", self.revision),
+        ]
+
+    @property
+    def bundles(self):
+        """The two bundles, relative to a scope root."""
+        return {
+            "vst3": f"Library/Audio/Plug-Ins/VST3/Tamarind Pelican/{self.name}.vst3",
+            "au": f"Library/Audio/Plug-Ins/Components/{self.name}.component",
+        }
+
+
+class Workshop:
+    """Stages bundles in a directory of its own and builds packages from them with the build's tools."""
+
+    def __init__(self, build, work):
+        self.build = Path(build).resolve()
+        self.work = Path(work)
+        self.work.mkdir(parents=True)
+
+    def tree(self, package, version):
+        """Where the payload of a component package is staged."""
+        return self.work / f"{package}-{version}"
+
+    def stage(self, release):
+        """Puts the payloads of a release into their trees; what is staged already stays as it is."""
+        for kind, bundle in release.bundles.items():
+            tree = self.tree(f"{PREFIX}{release.product}.{kind}", release.version)
+            if not tree.exists():
+                self._stage_bundle(release, kind, tree / bundle / "Contents")
+        tree = self.tree(f"{PREFIX}common", release.revision)
+        if not tree.exists():
+            (tree / SUPPORT).mkdir(parents=True)
+            shutil.copy(self.build / "TamarindPelicanMaintenance", tree / TOOL)
+            compile_program(HERE / "plug-in/updater.cpp", tree / UPDATER, [], {"REVISION": release.revision})
+
+    def _stage_bundle(self, release, kind, contents):
+        (contents / "MacOS").mkdir(parents=True)
+        words = {"product": release.product, "kind": kind, "name": release.name, "version": release.version}
+        (contents / "Info.plist").write_text(PROPERTY_LIST.format(**words))
+        (contents / "PkgInfo").write_text("BNDLTaPe")
+        compile_program(
+            HERE / "plug-in/plugin.cpp",
+            contents / "MacOS" / release.name,
+            ["-shared", "-fPIC"],
+            {"PLUGIN_NAME": release.name, "PLUGIN_VERSION": release.version},
+        )
+        if kind == "vst3":
+            presets = contents / "Resources/Presets"
+            presets.mkdir(parents=True)
+            for preset in PRESETS[release.product, release.version]:
+                (presets / f"{preset}.vstpreset").write_text(f"preset of {release.name}: {preset}\n" * 8)
+
+    def files(self, package, version):
+        """The files of a staged package: relative path to SHA-256, in byte order of the paths."""
+        tree = self.tree(package, version)
+        paths = sorted(str(path.relative_to(tree)) for path in tree.rglob("*") if path.is_file())
+        return {path: sha256(tree / path) for path in paths}
+
+    def release_files(self, release):
+        """All files of a release, the shared package's included."""
+        files = {}
+        for package, _, version in release.components:
+            files.update(self.files(package, version))
+        return files
+
+    def plan(self, release):
+        """The text of transaction-plan.tpmp."""
+        lines = [
+            "schema=tamarind.pelican.macos-maintenance-plan.v1",
+            f"sku={release.product}-installer",
+            f"packageRevision={release.revision}",
+            f"product={release.product}\t{release.version}",
+        ]
+        for index, (package, product, version) in enumerate(release.components):
+            lines.append(f"component={index}\t{product}\t{package}\t{version}")
+            for path, digest in self.files(package, version).items():
+                lines.append(f"target={index}\t{path}\t{digest}")
+        return "\n".join(lines) + "\n"
+
+    def descriptor(self, release, source="none", target="system", decision="none"):
+        """The text of a descriptor that moves or removes an installed release."""
+        lines = [
+            "schema=tamarind.pelican.macos-maintenance.v2",
+            f"sku={release.product}-installer",
+            f"packageRevision={release.revision}",
+            f"sourceScope={source}",
+            f"targetScope={target}",
+            f"decision={decision}",
+            f"product={release.product}\t{release.version}\t{release.version}",
+        ]
+        for package, product, version in release.components:
+            for path, digest in self.files(package, version).items():
+                lines.append(f"target={product}\t{package}\t{version}\t{path}\t{digest}")
+        return "\n".join(lines) + "\n"
+
+    def component_package(self, package, version):
+        """Builds the package of one component, once."""
+        out = self.work / f"{package}-{version}.pkg"
+        if not out.exists():
+            self._build_package(self.tree(package, version), package, version, out)
+        return out
+
+    def installer(self, release, out):
+        """Builds a product archive that installs a release under the control of its plan."""
+        scripts = self._scripts(out, "preinstall-begin", "transaction-plan.tpmp", self.plan(release))
+        self._build_product(release, scripts, out)
+
+    def mover(self, release, descriptor_id, out):
+        """Builds a product archive that moves an installed release from the home to the system scope."""
+        text = self.descriptor(release, source="user", decision="replace")
+        scripts = self._scripts(out, "preinstall-move", f"{descriptor_id}.tpmt", text)
+        self._build_product(release, scripts, out)
+
+    def build_all(self, jobs):
+        """Runs jobs side by side; each is a function and its arguments."""
+        with ThreadPoolExecutor(max_workers=os.cpu_count()) as pool:
+            for running in [pool.submit(*job) for job in jobs]:
+                running.result()
+
+    def _scripts(self, out, preinstall, name, text):
+        scripts = self.work / f"{out.stem}.scripts"
+        scripts.mkdir()
+        shutil.copy(HERE / "scripts" / preinstall, scripts / "preinstall")
+        shutil.copy(self.build / "TamarindPelicanMaintenance", scripts / "TamarindPelicanMaintenance")
+        (scripts / name).write_text(text)
+        return scripts
+
+    def _build_package(self, tree, identifier, version, out, options=()):
+        tool = self.build / "rehearsal/build-package"
+        run([tool, "--root", tree, "--identifier", identifier, "--version", version, *options, out])
+
+    def _build_script_package(self, scripts, out):
+        """Builds a package of scripts alone; without a payload it leaves no receipt."""
+        flat = self.work / f"{scripts.stem}.flat"
+        (flat / "nothing").mkdir(parents=True)
+        whole = flat / "whole.pkg"
+        self._build_package(flat / "nothing", "com.tamarindpelican.begin", "1", whole, ["--scripts", scripts])
+        run(["bsdtar", "-xf", whole, "-C", flat, "PackageInfo", "Scripts"])
+        run(["bsdtar", "--format=xar", "-cf", out, "-C", flat, "PackageInfo", "Scripts"])
+
+    def _build_product(self, release, scripts, out):
+        parts = self.work / f"{out.stem}.parts"
+        parts.mkdir()
+        self._build_script_package(scripts, parts / "begin.pkg")
+        names = ["begin.pkg"]
+        for package, _, version in release.components:
+            built = self.component_package(package, version)
+            (parts / built.name).symlink_to(built)
+            names.append(built.name)
+        references = "".join(f'    <pkg-ref id="{Path(name).stem}">#{name}</pkg-ref>\n' for name in names)
+        distribution = self.work / f"{out.stem}.distribution"
+        distribution.write_text(f'<installer-gui-script minSpecVersion="2">\n{references}</installer-gui-script>\n')
+        tool = self.build / "rehearsal/build-product"
+        run([tool, "--distribution", distribution, "--package-path", parts, out])
+
+
+def compile_program(source, out, options, macros):
+    """Compiles a sample; the macros become string literals."""
+    defined = [f'-D{name}="{text}"' for name, text in macros.items()]
+    run([os.environ.get("CXX", "c++"), "-O1", "-s", *options, *defined, source, "-o", out])
+
+
+def run(words):
+    """Runs a step of the preparation, which is told only when it fails."""
+    done = subprocess.run([str(word) for word in words], capture_output=True, text=True)
+    if done.returncode != 0:
+        raise SystemExit(f"{words[0]} failed with status {done.returncode}:\n{done.stdout}{done.stderr}")
+
+
+def sha256(path):
+    return hashlib.sha256(Path(path).read_bytes()).hexdigest()
