@@ -1,6 +1,6 @@
 #include "fs/fixed_directory.h"
 
-#include "child.h"
+#include "support/child.h"
 #include "support/scene.h"
 
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 #include "fs/generation.h"
 
-#include "child.h"
+#include "support/child.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 #include "fs/scope.h"
 
-#include "child.h"
+#include "support/child.h"
 #include "support/scene.h"
 
 #include <gtest/gtest.h>

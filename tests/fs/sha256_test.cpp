@@ -1,6 +1,6 @@
 #include "fs/sha256.h"
 
-#include "ending.h"
+#include "support/ending.h"
 #include "fs/owned_fd.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ending.h"
+#include "support/ending.h"
 
 #include <array>
 #include <cerrno>
