@@ -18,22 +18,22 @@ void prepareProcess()
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor)
         if (::fcntl(descriptor, F_GETFD) == -1 && ::open("/dev/null", O_RDONLY) != descriptor)
             ::_exit(70);
-    std::signal(SIGCHLD, SIG_DFL);
+    (void)std::signal(SIGCHLD, SIG_DFL);
     // Handled rather than ignored, so that no child inherits it.
-    std::signal(SIGXFSZ, [](int) {});
+    (void)std::signal(SIGXFSZ, [](int) {});
 }
 
 void writeResult(std::string_view result)
 {
     // Only now, so that no child inherits it.
-    std::signal(SIGPIPE, SIG_IGN);
+    (void)std::signal(SIGPIPE, SIG_IGN);
     if (!writeAll(STDOUT_FILENO, result))
         throw std::runtime_error("cannot write standard output");
 }
 
 void writeMessage(std::string_view message)
 {
-    std::signal(SIGPIPE, SIG_IGN);
+    (void)std::signal(SIGPIPE, SIG_IGN);
     // One call and no allocation: this may be what is left to do when memory has run out.
     char lineFeed = '\n';
     std::array<iovec, 2> line = {iovec{const_cast<char*>(message.data()), message.size()},

@@ -24,6 +24,7 @@ std::optional<std::vector<std::string>> directoryEntries(int directory)
     std::vector<std::string> names;
     for (;;) {
         errno = 0;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread, and a stream of its own.
         const dirent* entry = ::readdir(stream.get());
         if (entry == nullptr)
             break;

@@ -19,8 +19,13 @@ std::string indexText(const std::string& scope, const InstalledProducts& product
     for (const auto& [product, version] : products) {
         if (!entries.empty())
             entries += ',';
-        entries +=
-            R"({"productId":")" + product + R"(","scope":")" + scope + R"(","version":")" + version + R"("})";
+        entries += R"({"productId":")";
+        entries += product;
+        entries += R"(","scope":")";
+        entries += scope;
+        entries += R"(","version":")";
+        entries += version;
+        entries += R"("})";
     }
     return R"({"products":[)" + entries + R"(],"schema":")" + std::string(indexSchema) + "\"}\n";
 }

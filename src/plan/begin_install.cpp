@@ -66,7 +66,7 @@ std::string beginAttempt(const Plan& plan, const std::string& scope)
 {
     if (somethingStandsAt(activePath(scope)))
         throw Invalid("another maintenance transaction is active");
-    const std::string id = "install-" + generation();
+    std::string id = "install-" + generation();
     const Materialized made = materialize(plan, scope, id);
     atomicWriteFixed(pendingInstallPlace(scope), pendingInstallText({plan.sku, plan.packageRevision, id,
                                                                      plan.sha256, made.sha256, scope}));

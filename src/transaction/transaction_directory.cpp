@@ -179,7 +179,7 @@ PreparedState openTransaction(const Descriptor& descriptor, const std::function<
     std::string prepared;
     try {
         capture();
-        const PreparedState state = bindingState(descriptor);
+        PreparedState state = bindingState(descriptor);
         prepared = preparedText(state);
         text(preparedPath(transactionRoot(descriptor)), prepared);
         publishLeases(descriptor, prepared);

@@ -1,7 +1,7 @@
 #include "fs/sha256.h"
 
-#include "support/ending.h"
 #include "fs/owned_fd.h"
+#include "support/ending.h"
 
 #include <algorithm>
 #include <array>

@@ -45,7 +45,8 @@ struct SystemCall {
             char byte = 0;
             iovec here{&byte, 1};
             iovec there{reinterpret_cast<void*>(address), 1};
-            if (::process_vm_readv(process, &here, 1, &there, 1, 0) != 1 || byte == '\0') break;
+            if (::process_vm_readv(process, &here, 1, &there, 1, 0) != 1 || byte == '\0')
+                break;
             read += byte;
         }
         return read;
@@ -64,7 +65,8 @@ namespace detail {
 
 inline void requireDone(bool done, const char* what)
 {
-    if (!done) throw std::system_error(errno, std::generic_category(), what);
+    if (!done)
+        throw std::system_error(errno, std::generic_category(), what);
 }
 
 /// Makes the system calls in `stopped` wait for the holder of the returned descriptor.
@@ -77,7 +79,8 @@ inline int stopSystemCalls(const std::vector<long>& stopped)
     }
     filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
     sock_fprog program{static_cast<unsigned short>(filter.size()), filter.data()};
-    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return -1;
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0)
+        return -1;
     return static_cast<int>(
         ::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &program));
 }
@@ -126,9 +129,11 @@ inline void decideSystemCalls(int listener, pid_t child, const Decide& decide)
             ::kill(child, SIGKILL);
             throw std::runtime_error("the child process hangs");
         }
-        if ((waiting.revents & POLLIN) == 0) return;
+        if ((waiting.revents & POLLIN) == 0)
+            return;
         seccomp_notif request{};
-        if (::ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &request) != 0) continue;
+        if (::ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &request) != 0)
+            continue;
         SystemCall call{request.data.nr, {}, ++counts[request.data.nr], static_cast<pid_t>(request.pid)};
         std::copy(std::begin(request.data.args), std::end(request.data.args), call.arguments.begin());
         const int decision = decide(call);
@@ -146,9 +151,11 @@ inline void decideSystemCalls(int listener, pid_t child, const Decide& decide)
 
 inline void becomeAccount(uid_t account)
 {
-    if (account == rootUid) return;
+    if (account == rootUid)
+        return;
     const bool became = ::setgroups(0, nullptr) == 0 && ::setgid(staffGid) == 0 && ::setuid(account) == 0;
-    if (!became) ::_exit(99);
+    if (!became)
+        ::_exit(99);
 }
 
 /// The child's part: does not return. The ending is sent by a system call that no test stops.
@@ -156,12 +163,14 @@ inline void becomeAccount(uid_t account)
                                   const std::function<std::string()>& call)
 {
     becomeAccount(account);
-    if (!stopped.empty() && !sendDescriptor(channel, stopSystemCalls(stopped))) ::_exit(98);
+    if (!stopped.empty() && !sendDescriptor(channel, stopSystemCalls(stopped)))
+        ::_exit(98);
     const Ending ending = endingOf(call);
     const std::string report = ending.kind + '\n' + ending.text;
     for (std::size_t sent = 0; sent < report.size();) {
         const ssize_t count = ::send(channel, report.data() + sent, report.size() - sent, 0);
-        if (count <= 0) ::_exit(97);
+        if (count <= 0)
+            ::_exit(97);
         sent += static_cast<std::size_t>(count);
     }
     ::_exit(0);
@@ -173,9 +182,11 @@ inline std::string receiveAll(int channel)
     std::array<char, 4096> chunk;
     for (;;) {
         pollfd waiting{channel, POLLIN, 0};
-        if (::poll(&waiting, 1, 30000) <= 0) return "hangs\n";
+        if (::poll(&waiting, 1, 30000) <= 0)
+            return "hangs\n";
         const ssize_t count = ::recv(channel, chunk.data(), chunk.size(), 0);
-        if (count <= 0) return text;
+        if (count <= 0)
+            return text;
         text.append(chunk.data(), static_cast<std::size_t>(count));
     }
 }
@@ -204,10 +215,12 @@ inline Ending inChild(uid_t account, const std::vector<long>& stopped, const Dec
     }
     const std::string report = detail::receiveAll(channel[0]);
     ::close(channel[0]);
-    if (report == "hangs\n") ::kill(child, SIGKILL);
+    if (report == "hangs\n")
+        ::kill(child, SIGKILL);
     int status = 0;
     detail::requireDone(::waitpid(child, &status, 0) == child, "waitpid");
-    if (WIFSIGNALED(status)) return {"signal", std::to_string(WTERMSIG(status))};
+    if (WIFSIGNALED(status))
+        return {"signal", std::to_string(WTERMSIG(status))};
     const std::size_t end = report.find('\n');
     return {report.substr(0, end), end == std::string::npos ? "" : report.substr(end + 1)};
 }

@@ -27,20 +27,11 @@ inline std::ostream& operator<<(std::ostream& stream, const Ending& ending)
 }
 
 /// The call returned, with this text as its result.
-inline Ending returned(const std::string& text = "")
-{
-    return {"returned", text};
-}
+inline Ending returned(const std::string& text = "") { return {"returned", text}; }
 /// The call threw Invalid: exit status 65.
-inline Ending invalid(const std::string& message)
-{
-    return {"Invalid", message};
-}
+inline Ending invalid(const std::string& message) { return {"Invalid", message}; }
 /// The call threw a plain runtime error: exit status 70.
-inline Ending runtimeError(const std::string& message)
-{
-    return {"runtime error", message};
-}
+inline Ending runtimeError(const std::string& message) { return {"runtime error", message}; }
 
 /// Carries out `call`, which returns a text or nothing, and gives what it returned.
 template <typename Call> std::string resultOf(const Call& call)
@@ -70,9 +61,6 @@ template <typename Call> Ending endingOf(const Call& call)
 }
 
 /// How many descriptors this process has open.
-inline std::size_t openDescriptors()
-{
-    return namesIn("/proc/self/fd").size();
-}
+inline std::size_t openDescriptors() { return namesIn("/proc/self/fd").size(); }
 
 } // namespace maintenance::rehearsed

@@ -54,7 +54,8 @@ public:
                     const std::string& prefix = "", const std::string& suffix = "")
     {
         compare(prefix + suffix);
-        if (longest == 0) return;
+        if (longest == 0)
+            return;
         for (const std::string& piece : pieces)
             compareAll(pieces, longest - 1, prefix + piece, suffix);
     }
@@ -108,13 +109,15 @@ private:
             text.insert(place, drawByte(alphabet));
             break;
         case 1:
-            if (at < text.size()) text[at] = drawByte(alphabet);
+            if (at < text.size())
+                text[at] = drawByte(alphabet);
             break;
         case 2:
             text.erase(at, 1 + below(3));
             break;
         case 3:
-            if (at + 1 < text.size()) std::swap(text[at], text[at + 1]);
+            if (at + 1 < text.size())
+                std::swap(text[at], text[at + 1]);
             break;
         default:
             text.insert(at, text.substr(at, 1 + below(6)));
