@@ -92,7 +92,7 @@ PkgutilResult pkgutil(const std::vector<std::string>& arguments)
     PkgutilResult result{abnormalStatus, {}};
     const bool whole = readToEnd(pipe.readEnd.get(), result.output);
     pipe.readEnd.close();
-    const int status = waitFor(child);
+    int status = waitFor(child);
     if (whole && WIFEXITED(status))
         result.status = WEXITSTATUS(status);
     return result;
