@@ -7,6 +7,7 @@ from dataclasses import dataclass
 from common import products
 
 ROOTS = (products.HOME, "/Library", "/var/db/receipts")
+AROUND = ("/", "/Users", "/Users/other", "/Users/other/Library", "/var/db")
 LONG_AGO = 1_600_000_000 * 10**9
 
 
@@ -20,11 +21,16 @@ class Entry:
     content: object
 
 
+_contents = {}  # long contents, each kept once: hundreds of scenes hold the same ones
+
+
 def _entry(path):
     status = os.lstat(path)
     if stat.S_ISREG(status.st_mode):
         with open(path, "rb") as file:
             content = file.read()
+        if len(content) > 4096:
+            content = _contents.setdefault(content, content)
     elif stat.S_ISLNK(status.st_mode):
         content = os.readlink(path)
     else:
@@ -86,7 +92,7 @@ def restore(scene):
 
 
 def fingerprints(paths):
-    """Returns what tells whether these files were touched at all, also if they were put back."""
+    """Returns what tells whether these files and directories were touched at all, also if they were put back."""
     result = {}
     for path in paths:
         status = os.lstat(path)

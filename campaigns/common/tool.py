@@ -11,6 +11,7 @@ TOOLS = "/opt/campaign"
 NAME = "TamarindPelicanMaintenance"
 INTERRUPT = TOOLS + "/interrupt"
 REPORT = "/run/interrupt-report"
+PATIENCE = 60  # seconds; a run that takes longer hangs
 ENVIRONMENT = {"PATH": "/usr/bin:/bin:/usr/sbin:/sbin", "LANG": "C"}
 
 
@@ -42,7 +43,7 @@ class Outcome:
     stderr: bytes
     calls: list = field(default_factory=list)   # (kind, number, name, subject, result)
     hits: list = field(default_factory=list)    # (kind, number, name, subject)
-    leaks: list = field(default_factory=list)   # what was still open at the end
+    leaks: list = field(default_factory=list)   # descriptors and processes left behind
     counts: dict = field(default_factory=dict)
 
     def succeeded(self, stdout=b""):
@@ -76,7 +77,8 @@ def place_plan(actor, text):
 
 def run(actor, words, points=(), record=False):
     """Runs one command; `points` are what interrupt's option --at takes."""
-    command = [INTERRUPT, "--report", REPORT, "--user", str(actor.uid), "--group", str(actor.gid)]
+    command = [INTERRUPT, "--seconds", str(PATIENCE), "--report", REPORT]
+    command += ["--user", str(actor.uid), "--group", str(actor.gid)]
     for point in points:
         command += ["--at", point]
     if record:
@@ -96,8 +98,12 @@ def run(actor, words, points=(), record=False):
 def run_plainly(actor, words):
     """Runs one command without watching it, which is faster."""
     as_account = {} if actor.uid == 0 else {"user": actor.uid, "group": actor.gid, "extra_groups": []}
-    done = subprocess.run([actor.directory + "/" + NAME, *words], stdin=subprocess.DEVNULL, capture_output=True,
-                          env=ENVIRONMENT, cwd="/", check=False, **as_account)
+    try:
+        done = subprocess.run([actor.directory + "/" + NAME, *words], stdin=subprocess.DEVNULL,
+                              capture_output=True, env=ENVIRONMENT, cwd="/", check=False, timeout=PATIENCE,
+                              **as_account)
+    except subprocess.TimeoutExpired as late:
+        return Outcome("hung", 0, late.stdout or b"", late.stderr or b"")
     ended = "signal" if done.returncode < 0 else "exit"
     return Outcome(ended, abs(done.returncode), done.stdout, done.stderr)
 
@@ -108,7 +114,11 @@ def _read_line(outcome, fields):
     elif fields[0] == "hit":
         outcome.hits.append((fields[1], int(fields[2]), fields[3], fields[4]))
     elif fields[0] == "open":
-        outcome.leaks.append(f"descriptor {fields[1]}: {fields[2]}")
+        outcome.leaks.append(f"left open at the end, descriptor {fields[1]}: {fields[2]}")
+    elif fields[0] == "inherited":
+        outcome.leaks.append(f"passed on to a program, descriptor {fields[1]}: {fields[2]}")
+    elif fields[0] == "running":
+        outcome.leaks.append(f"still running at the end: process {fields[1]}")
     elif fields[0] == "counts":
         outcome.counts[fields[1]] = int(fields[2])
     elif fields[0] == "ended":

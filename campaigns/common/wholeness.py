@@ -38,6 +38,10 @@ FORMS = [
     (re.compile("Transactions/[^/]+/target-absent/[0-9]+"), ABSENT),
     (re.compile("maintenance\\.lock"), EMPTY),
 ]
+# The empty places that every command makes where they are missing.
+LAYOUT = [products.SUPPORT, products.MAINTENANCE, products.MAINTENANCE + "/maintenance.lock"]
+LAYOUT += [f"{products.MAINTENANCE}/{name}"
+           for name in ("Inbox", "Transactions", "Products", "NativeReceipts", "Completed")]
 COPIES = re.compile("Transactions/[^/]+/(?:target|authority-(?:target|source)/files)/[0-9]+")
 TEMPORARY = re.compile("\\..+\\.new\\.[0-9]+")
 

@@ -16,27 +16,29 @@ from common import tool, workers            # noqa: E402
 from faults import judge, pkgutil_ways, points, scenarios   # noqa: E402
 
 ALL = None
-# Of each family of points at most so many in each scenario; a family that is not named is left out.
+FAMILIES = ("kill", "back", "error", "stuck", "short", "access", "memory", "pkgutil", "chain")
+# Of each family of points at most so many in each scenario.
 SIZES = {
-    "sample": {"kill": 8, "back": 2, "error": 6, "stuck": 1, "short": 1, "access": 4, "memory": 2, "pkgutil": 4,
+    "sample": {"kill": 12, "back": 2, "error": 8, "stuck": 2, "short": 1, "access": 5, "memory": 2, "pkgutil": 5,
                "chain": 2},
-    "full": {"kill": ALL, "back": 20, "error": 60, "stuck": 12, "short": 8, "access": 40, "memory": 12,
-             "pkgutil": 60, "chain": 15},
-    "everything": {family: ALL for family in ("kill", "back", "error", "stuck", "short", "access", "memory",
-                                               "pkgutil", "chain")},
+    "full": {"kill": ALL, "back": 12, "error": 40, "stuck": 8, "short": 5, "access": 30, "memory": 8, "pkgutil": 40,
+             "chain": 10},
+    "everything": {family: ALL for family in FAMILIES},
 }
-SAMPLED = ("account-user/clean/*", "account-user/upgrade/prepare-move", "root-user/upgrade/*",
-           "root-system/repair/*", "root-user/remove-last/*", "root-system/remove-one/*", "user-to-system/dropped/*",
-           "system-to-user/kept/commit-move", "account-user/remove-last/*")
-PARTS = 3  # of a scenario, so that the cores end at about the same time
+SAMPLED = ("account-user/clean/*", "account-user/upgrade/prepare-*", "account-user/remove-last/*",
+           "root-user/upgrade/*", "root-user/remove-last/*", "root-system/repair/*", "root-system/remove-one/*",
+           "user-to-system/dropped/*", "system-to-user/kept/*", "system-to-user/kept-removed/*")
+# These make the same calls as another scenario, in another situation; full takes not all of their kills either.
+REPEATING = ("*/remove-after-*", "*/remove-restored/*", "*-removed/*")
+REPEATED_KILLS = 80
+PARTS = {"sample": 1, "full": 3, "everything": 20}  # of a scenario, so that the cores end at about the same time
 
 
 def serve(build):
     """A worker's life, inside a rehearsal root: a request a line comes in, an answer a line goes out."""
     tool.install_tools(build)
     pkgutil_ways.prepare()
-    if os.path.exists("/var/log/pkgutil-stand-in.log"):
-        os.unlink("/var/log/pkgutil-stand-in.log")
+    pkgutil_ways.behave()
     for line in sys.stdin:
         try:
             answer = answer_to(json.loads(line))
@@ -53,7 +55,7 @@ def answer_to(request):
         families = ["single"]
     else:
         chosen = points.choose(scenarios.scenario(name), request["limits"], request["seed"])
-        chosen = chosen[request["part"]::PARTS]
+        chosen = chosen[request["part"]::request["parts"]]
         texts, families = [p.text for p in chosen], [p.family for p in chosen]
     verdicts = []
     for text, family in zip(texts, families):
@@ -65,13 +67,18 @@ def answer_to(request):
 class Tally:
     """Counts verdicts and prints the failing ones as they come."""
 
-    def __init__(self, report):
+    def __init__(self, report, pieces):
         self.counts = collections.Counter()
         self.failed = collections.Counter()
         self.broken = []
+        self._pieces = pieces
+        self._taken = 0
         self._report = open(report, "w", encoding="utf-8") if report else None
 
     def take(self, request, answer):
+        self._taken += 1
+        if sys.stderr.isatty():
+            print(f"\r{self._taken} of {self._pieces} pieces, {self.total()} points ", end="", file=sys.stderr)
         if "broken" in answer:
             self.broken.append(answer["broken"])
             print("BROKEN  " + answer["broken"], flush=True)
@@ -108,10 +115,14 @@ def summarize(tally, seconds, seed):
                           if of == family)
         total = sum(count for (of, _), count in tally.counts.items() if of == family)
         print(f"{family:8} {total:6} points, {tally.failed[family]:4} failed   ({kinds})")
+    if sys.stderr.isatty():
+        print("\r", end="", file=sys.stderr)
     good = tally.total() - tally.failures()
     share = 100 * good / max(1, tally.total())
-    print(f"{'total':8} {tally.total():6} points, {tally.failures():4} failed, {share:.2f} % good, "
-          f"{seconds:.0f} s, seed {seed}")
+    print(f"{'total':8} {tally.total():6} points, {tally.failures():4} failed, {share:.2f} % good, seed {seed}; "
+          f"{seconds:.0f} s, {tally.total() / seconds:.1f} points a second")
+    if tally.broken:
+        print(f"{len(tally.broken)} pieces could not be run at all")
 
 
 def requests(arguments):
@@ -124,23 +135,49 @@ def requests(arguments):
             yield {"scenario": name, "point": text}
         return
     patterns = arguments.only or (SAMPLED if arguments.size == "sample" else ("*",))
-    names = [name for name in scenarios.names() if any(fnmatch.fnmatch(name, pattern) for pattern in patterns)]
-    limits = SIZES[arguments.size]
-    if arguments.families:
-        limits = {family: limits.get(family) for family in arguments.families.split(",")}
+    names = [name for name in scenarios.names() if is_one_of(name, patterns)]
     names.sort(key=lambda name: ("uninstall" not in name, "-to-" not in name, "prepare" not in name))
-    for name, part in itertools.product(names, range(PARTS)):
-        yield {"scenario": name, "limits": limits, "seed": arguments.seed, "part": part}
+    parts = PARTS[arguments.size]
+    for name, part in itertools.product(names, range(parts)):
+        yield {"scenario": name, "limits": limits_for(name, arguments), "seed": arguments.seed, "part": part,
+               "parts": parts}
+
+
+def is_one_of(name, patterns):
+    return any(fnmatch.fnmatch(name, pattern) for pattern in patterns)
+
+
+def limits_for(name, arguments):
+    """How many points of each family are taken in a scenario; families that are not named are left out."""
+    limits = dict(SIZES[arguments.size])
+    if arguments.size == "full" and is_one_of(name, REPEATING):
+        limits["kill"] = REPEATED_KILLS
+    if arguments.families:
+        limits = {family: limits[family] for family in arguments.families}
+    return limits
+
+
+def families(text):
+    named = text.split(",")
+    for family in named:
+        if family not in FAMILIES:
+            raise argparse.ArgumentTypeError(f"no such family: {family}; there are {', '.join(FAMILIES)}")
+    return named
 
 
 def parse_arguments():
     parser = argparse.ArgumentParser(prog="./dev faults", description=__doc__)
     parser.add_argument("--build", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--worker", action="store_true", help=argparse.SUPPRESS)
-    parser.add_argument("--size", choices=SIZES, default="full", help="how many points; default full")
+    size = parser.add_mutually_exclusive_group()
+    size.add_argument("--sample", dest="size", action="store_const", const="sample", default="full",
+                      help="a small fixed choice of scenarios and points, done within a minute or two")
+    size.add_argument("--everything", dest="size", action="store_const", const="everything",
+                      help="every point of every family; takes many hours")
     parser.add_argument("--seed", default="1", help="another seed chooses other points; default 1")
     parser.add_argument("--only", action="append", metavar="PATTERN", help="only scenarios of such names")
-    parser.add_argument("--families", metavar="LIST", help="only these families of points, separated by commas")
+    parser.add_argument("--families", type=families, metavar="LIST",
+                        help="only these families of points, separated by commas: " + ", ".join(FAMILIES))
     parser.add_argument("--point", action="append", metavar="POINT", help="run this one point again")
     parser.add_argument("--list", action="store_true", help="list the scenarios")
     parser.add_argument("--jobs", type=int, default=len(os.sched_getaffinity(0)), help="rehearsal roots at once")
@@ -157,9 +194,9 @@ def main():
         print("\n".join(scenarios.names()))
         return 0
     began = time.monotonic()
-    tally = Tally(arguments.report)
-    command = [sys.executable, os.path.abspath(__file__), "--worker", "--build", arguments.build]
     asked = list(requests(arguments))
+    tally = Tally(arguments.report, len(asked))
+    command = [sys.executable, os.path.abspath(__file__), "--worker", "--build", arguments.build]
     workers.run(arguments.build, command, asked, min(arguments.jobs, len(asked)), tally.take)
     summarize(tally, time.monotonic() - began, arguments.seed)
     return 1 if tally.failures() or tally.broken or not tally.total() else 0

@@ -7,10 +7,13 @@ from dataclasses import dataclass, field
 from common import installation, products, scene, tool, wholeness
 from faults import pkgutil_ways, scenarios
 
+MESSAGE_CALL = "writev"  # the only use that the tool makes of it is to say its message
 FORWARD = b"pkgutil receipt registration changed; rollback cannot restore package registration\n"
 # These two come with status 66, whatever keeps the inbox or the descriptor from being reached.
 NOT_LOCATED = (b"maintenance descriptor directory is missing or unsafe\n",
                b"maintenance descriptor is missing or unsafe\n")
+# After this there is nothing left that the process may do, so it does not close anything either.
+AT_ONCE = (b"cannot take back the process's own power\n",)
 _PRINTED_ID = re.compile(rb"install-[0-9a-f]{64}\n")
 
 
@@ -19,7 +22,7 @@ class Verdict:
     """What came of one point."""
 
     point: str
-    kind: str = ""                              # killed, refused, absorbed or misled
+    kind: str = ""                              # killed, refused, absorbed, deceived or misled
     said: str = ""                              # how the disturbed run ended
     faults: list = field(default_factory=list)  # what should not have been; empty is good
 
@@ -34,6 +37,8 @@ class Trial:
         self._fingerprints = {}
         self._undone = None
         self._anew = None
+        self._expected = made.after
+        self._asked = []    # of pkgutil, in a run in which it was not honest
 
     def run(self):
         deeds, _, route = self._text.partition("/")
@@ -42,6 +47,7 @@ class Trial:
         kept = {path for path in self._made.start if wholeness.is_temporary(path)}
         outcome = None
         for deed in deeds.split("+"):
+            self._expected = self._expected_after()
             outcome = self._strike(deed)
             self._verdict.said = outcome.says()
             self._judge_end(deed, outcome)
@@ -49,9 +55,11 @@ class Trial:
             if self._verdict.faults:
                 return self._verdict
         self._classify(outcome)
+        if self._verdict.kind == "refused" and _is_single(deeds):
+            self._require_clean_refusal(outcome)
         if route == "back":
             self._go_back()
-        elif self._verdict.kind not in ("absorbed", "misled"):
+        elif self._verdict.kind not in ("absorbed", "deceived", "misled"):
             self._go_on()
         self._judge_moment("at the end", scene.capture(), kept)
         return self._verdict
@@ -72,7 +80,7 @@ class Trial:
         try:
             return tool.run(self._made.actor, self._made.words())
         finally:
-            pkgutil_ways.behave()
+            self._asked = pkgutil_ways.behave()
 
     # --- the disturbed run itself ---
 
@@ -86,8 +94,8 @@ class Trial:
         if outcome.ended != "exit" or outcome.status not in (0, 65, 70) and outcome.stderr not in NOT_LOCATED:
             self._fault("ended badly: " + outcome.says())
             return
-        for leak in outcome.leaks:
-            self._fault("left open at the end: " + leak)
+        for leak in outcome.leaks if outcome.stderr not in AT_ONCE else ():
+            self._fault(leak)
         if outcome.status == 0 and outcome.stderr:
             self._fault("succeeded with a message: " + outcome.says())
         if outcome.status != 0:
@@ -96,10 +104,10 @@ class Trial:
             self._fault("was not killed: " + outcome.says())
 
     def _require_one_line(self, outcome):
-        if outcome.stdout and "write" not in [hit[2] for hit in outcome.hits]:
+        if outcome.stdout:
             self._fault("failed with a result: " + outcome.says())
-        silenced = any(hit[2] == "write" for hit in outcome.hits) and not outcome.stderr
         line = outcome.stderr
+        silenced = not line and any(name == MESSAGE_CALL for _, _, name, _ in outcome.hits)
         if not silenced and (line.count(b"\n") != 1 or not line.endswith(b"\n") or len(line) < 2):
             self._fault("not one line: " + outcome.says())
 
@@ -118,19 +126,52 @@ class Trial:
         elif outcome.status != 0 and not self._as_undisturbed(outcome):
             self._verdict.kind = "refused"
         else:
-            different = scene.differences(self._made.after, scenarios.normal(self._made, scene.capture()))
-            self._verdict.kind = "misled" if different else "absorbed"
+            self._judge_unnoticed(outcome)
+
+    def _judge_unnoticed(self, outcome):
+        """A run that has noticed nothing must have done its work, unless nobody could have noticed."""
+        found = scene.capture()
+        different = scene.differences(self._expected, scenarios.normal(self._made, found))
+        if self._as_undisturbed(outcome) and not different:
+            self._verdict.kind = "absorbed"
+        elif outcome.status == 0 and self._could_not_be_noticed():
+            self._verdict.kind = "deceived"
+            self._require_nothing_lost(found)
+        else:
+            self._verdict.kind = "misled"
             for line in different if self._as_undisturbed(outcome) else ["result: " + outcome.says()]:
                 self._fault("a run that noticed nothing: " + line)
+
+    def _could_not_be_noticed(self):
+        kind, number, way = self._text.partition("/")[0].split(":", 2)
+        return kind == "pkgutil" and pkgutil_ways.could_be_true(way, int(number), self._asked)
+
+    def _require_nothing_lost(self, found):
+        """Every product file and receipt is as it was, or as the undisturbed run leaves it."""
+        for scope in ("user", "system"):
+            for path in installation.files_of(scope, scenarios.EVERYTHING):
+                if found.get(path) not in (self._made.start.get(path), self._made.after.get(path)):
+                    self._fault("deceived, and neither as before nor as after: " + path)
 
     def _as_undisturbed(self, outcome):
         """Tells whether a run ended with the status and the words of an undisturbed one."""
         model = self._made.outcome
         if (outcome.ended, outcome.status, outcome.stderr) != (model.ended, model.status, model.stderr):
             return False
-        if self._made.command != "begin-install":
+        if self._made.command != "begin-install" or model.status != 0:
             return outcome.stdout == model.stdout
         return _PRINTED_ID.fullmatch(outcome.stdout) is not None
+
+    def _require_clean_refusal(self, outcome):
+        """A run that saw one error and gave up has left no temporary file, and a prepare-move that found nothing
+        to resume has left nothing at all."""
+        found = scene.capture()
+        if not any(name == "unlinkat" for _, _, name, _ in outcome.hits):
+            for path in found:
+                if wholeness.is_temporary(path) and path not in self._made.start:
+                    self._fault("left by a run that gave up: " + path)
+        if self._made.name.endswith("/prepare-move"):
+            self._compare("refused", _without_layout(self._made.start), _without_layout(found))
 
     # --- what is on disk ---
 
@@ -158,7 +199,8 @@ class Trial:
         """The same command again; after a failure that took everything back, the whole work again."""
         expected = self._expected_after()
         outcome = self._run()
-        if outcome.status == 65 and outcome.stderr == scenarios.LEASE_GONE:
+        taken_back = (outcome.ended, outcome.status, outcome.stderr) == ("exit", 65, scenarios.LEASE_GONE)
+        if taken_back and self._made.command == "commit-move":
             self._require_taken_back()
             if self._made.outcome.status == 0:
                 outcome = self._start_over()
@@ -169,7 +211,7 @@ class Trial:
             return
         found = scene.capture()
         self._compare("in the end", expected, scenarios.normal(self._made, found))
-        if self._made.command == "begin-install":
+        if self._made.command == "begin-install" and outcome.status == 0:
             self._require_printed_id(outcome.stdout.decode().strip(), found)
 
     def _expected_after(self):
@@ -225,6 +267,17 @@ class Trial:
     def _recorded_as_done(self, found):
         ending = f"/Completed/{self._made.identifier}.record"
         return any(path.endswith(ending) for path in found)
+
+
+def _is_single(deeds):
+    """Tells whether one call was disturbed and everything after it was as usual."""
+    return "+" not in deeds and not deeds.rsplit(":", 1)[0].endswith("errors") and not deeds.endswith(":shorts")
+
+
+def _without_layout(found):
+    """A scene without the empty places that every command makes where they are missing."""
+    layout = {products.in_scope(scope, place) for scope in ("user", "system") for place in wholeness.LAYOUT}
+    return {path: entry for path, entry in found.items() if path not in layout}
 
 
 def _leniently(made, found, expected):

@@ -1,9 +1,12 @@
 """The ways in which pkgutil can fail or lie at one of its calls."""
 
 import os
+import re
+import subprocess
 
 CONTROL = "/etc/pkgutil-stand-in.conf"
 FOREIGN = "/opt/campaign/foreign"
+LOG = "/var/log/pkgutil-stand-in.log"
 
 _FOREIGN = {
     "page": b"<!DOCTYPE html>\n<html><body>It works!</body></html>\n",
@@ -43,9 +46,56 @@ def arrange(number, way):
     """From now on pkgutil behaves in that way at its call of that number."""
     with open(CONTROL, "w", encoding="ascii") as file:
         file.write(f"call={number} do {WAYS[way]}\n")
+    with open(LOG, "w", encoding="ascii"):
+        os.chmod(LOG, 0o666)
 
 
 def behave():
-    """From now on pkgutil is honest."""
+    """From now on pkgutil is honest. Returns the arguments of every call since it was told not to be."""
     if os.path.exists(CONTROL):
         os.unlink(CONTROL)
+    if not os.path.exists(LOG):
+        return []
+    with open(LOG, encoding="utf-8") as log:
+        asked = [line.rstrip("\n").split("\t") for line in log]
+    os.unlink(LOG)
+    return asked
+
+
+def could_be_true(way, number, asked):
+    """Tells whether a dishonest answer could have been a true one and was the only answer to its question, so
+    that nobody could have noticed. What the database holds must not have changed since."""
+    if number > len(asked):
+        return False
+    question = asked[number - 1]
+    return _is_well_formed(way, question) and _times_asked(question, asked) == 1
+
+
+def _is_listing(question):
+    return question[-1].startswith("--pkgs")
+
+
+def _times_asked(question, asked):
+    """A listing can take several calls; it begins with one that names a pattern."""
+    if not _is_listing(question):
+        return asked.count(question)
+    volume = _volume(question)
+    return sum(1 for other in asked if other[-1].startswith("--pkgs=") and _volume(other) == volume)
+
+
+def _volume(question):
+    return question[question.index("--volume") + 1]
+
+
+def _is_well_formed(way, question):
+    """Tells whether an answer has the status of success and whole lines, or says that there is nothing."""
+    if way in ("silent-0", "silent-1"):
+        return _is_listing(question)
+    if way.startswith("foreign-"):
+        return _FOREIGN[way.removeprefix("foreign-")].endswith(b"\n")
+    cut = re.fullmatch("cut-([0-9]+)", way)
+    if not cut:
+        return False
+    honest = subprocess.run(["/usr/sbin/pkgutil", *question], stdin=subprocess.DEVNULL, capture_output=True,
+                            check=False)
+    return honest.stdout[:int(cut[1])].endswith(b"\n")

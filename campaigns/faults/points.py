@@ -18,11 +18,13 @@ _ERRORS = {
     "renameat": ("EIO", "ENOSPC", "ENOMEM", "EACCES"),
     "unlinkat": ("EIO", "ENOMEM", "EACCES"),
     "write": ("EIO", "ENOSPC", "EINTR"),
+    "writev": ("EIO", "ENOSPC", "EINTR"),
     "fsync": ("EIO", "ENOSPC", "EINTR"),
-    "fchmod": ("EIO", "EPERM"),
-    "fchown": ("EIO", "EPERM"),
-    "fcntl": ("EACCES", "ENOLCK"),
+    "fchmod": ("EIO", "ENOSPC", "EPERM"),
+    "fchown": ("EIO", "ENOSPC", "EPERM"),
+    "fcntl": ("EACCES", "ENOLCK", "EINTR"),
 }
+_ANY_CALL_ERRORS = ("EIO",)  # for a call that the program did not make when these tables were written
 _START_ERRORS = ("EAGAIN", "ENOMEM")
 _STARTS = ("fork", "vfork", "clone", "clone3")
 
@@ -33,15 +35,18 @@ _ACCESS_ERRORS = {
     "read": ("EIO", "EINTR"),
     "pread64": ("EIO", "EINTR"),
     "newfstatat": ("EIO", "EACCES", "ENOMEM"),
-    "fstat": ("EIO",),
-    "getdents64": ("EIO",),
-    "readlink": ("EIO", "EACCES"),
+    "fstat": ("EIO", "ENOMEM"),
+    "getdents64": ("EIO", "ENOMEM"),
+    "readlink": ("EIO", "EACCES", "ENOMEM"),
+    "pipe": ("EMFILE", "ENFILE"),
     "pipe2": ("EMFILE", "ENFILE"),
     "fcntl": ("EMFILE",),
     "wait4": ("EINTR",),
     "getrandom": ("EINTR",),
     "setresuid": ("EAGAIN",),
 }
+
+_OPENING = ("openat", "open", "pipe", "pipe2")
 
 _RANDOM = re.compile("[0-9a-f]{64}|(?<=\\.new\\.)[0-9]+|(?<=pipe:\\[)[0-9]+|(?<=/proc/)[0-9]+")
 
@@ -61,8 +66,10 @@ def _call_points(calls):
         if kind == "change":
             yield from _change_points(number, name, subject)
         elif kind == "access":
-            for error in _ACCESS_ERRORS.get(name, ()):
+            for error in _ACCESS_ERRORS.get(name, _ANY_CALL_ERRORS):
                 yield Point("access", f"access:{number}:error:{error}", (name, error, subject, result >= 0))
+            if name in _OPENING:
+                yield Point("stuck", f"access:{number}:errors:EMFILE", (name, "EMFILE", subject))
         elif kind == "memory":
             for deed in ("error:ENOMEM", "errors:ENOMEM"):
                 yield Point("memory", f"memory:{number}:{deed}", (name, deed))
@@ -74,7 +81,7 @@ def _change_points(number, name, subject):
     if start:
         for deed in ("after", "all"):
             yield Point("kill", f"change:{number}:{deed}", (name, deed))
-    for error in _START_ERRORS if start else _ERRORS[name]:
+    for error in _START_ERRORS if start else _ERRORS.get(name, _ANY_CALL_ERRORS):
         yield Point("error", f"change:{number}:error:{error}", (name, error, subject))
     for error in ("EIO", "ENOSPC"):
         yield Point("stuck", f"change:{number}:errors:{error}", (name, error, subject))

@@ -72,7 +72,7 @@ class Scenario:
         paths = [path for scope in ("user", "system") for path in bystanders(scope)]
         for scope, package in self.job.others:
             paths += installation.files_of(scope, [package])
-        return scene.fingerprints(paths)
+        return scene.fingerprints([*paths, *scene.AROUND])
 
 
 def bystanders(scope):
@@ -170,6 +170,18 @@ def removal_job(which, actor, scope):
     return Job(actor, "none", scope, NEW_REVISION, gone, base, beta_beside(scope) if which == "one" else ())
 
 
+@functools.cache
+def removal_after_job(earlier, actor, scope, others=()):
+    """An uninstallation of what an earlier job has installed or moved here."""
+    return Job(actor, "none", scope, NEW_REVISION, (ALPHA,), _stages(earlier).done[0], others)
+
+
+@functools.cache
+def removal_of_restored_job(earlier, actor, scope):
+    """An uninstallation of what was there before an upgrade that was rolled back."""
+    return Job(actor, "none", scope, OLD_REVISION, (ALPHA_OLD,), _stages(earlier).given_up[0])
+
+
 # --- the stages of one job ----------------------------------------------------------------------------------
 
 class Stages:
@@ -212,17 +224,48 @@ class Stages:
         return self._placed(files=HALF, receipts=False)
 
     @functools.cached_property
+    def done(self):
+        return self._finished("commit-move", self.installed)
+
+    @functools.cached_property
+    def given_up(self):
+        return self._finished("rollback-move", self.half)
+
+    def _finished(self, command, stage):
+        start, identifier = stage
+        scene.restore(start)
+        succeed(self.job.actor, [command, self.job.target, identifier])
+        return scene.capture(), identifier
+
+    @functools.cached_property
     def completed(self):
-        """A commit that was killed as soon as its completed record stood."""
-        installed, identifier = self.installed
-        words = ["commit-move", self.job.target, identifier]
-        scene.restore(installed)
+        return self._recorded("commit-move", self.installed)
+
+    @functools.cached_property
+    def completed_rollback(self):
+        return self._recorded("rollback-move", self.half)
+
+    @functools.cached_property
+    def completed_removal(self):
+        return self._recorded("uninstall-product", self.begun)
+
+    def _recorded(self, command, stage):
+        """A run of the command that was killed as soon as its completed record stood."""
+        start, identifier = stage
+        words = [command, self.job.target, identifier]
+        scene.restore(start)
         recorded = tool.run(self.job.actor, words, record=True)
         rename = next(number for kind, number, name, subject, _ in recorded.calls
                       if kind == "change" and name == "renameat" and "/Completed/" in subject)
-        scene.restore(installed)
+        scene.restore(start)
         tool.run(self.job.actor, words, [f"change:{rename}:after"])
         return scene.capture(), identifier
+
+    @functools.cached_property
+    def abandoned(self):
+        """A commit has failed and taken everything back."""
+        prepared, identifier = self.prepared
+        return {path: entry for path, entry in prepared.items() if not path.endswith("/ActiveTransaction")}, identifier
 
     @functools.cached_property
     def without_descriptor(self):
@@ -236,38 +279,52 @@ STEPS = {
     "begin-install": ("begin-install", lambda stages: (stages.job.base, "")),
     "begin-again": ("begin-install", lambda stages: (stages.without_descriptor[0], "")),
     "begin-completed": ("begin-install", lambda stages: (stages.completed[0], "")),
+    "begin-refused": ("begin-install", lambda stages: (stages.job.base, "")),
     "prepare-move": ("prepare-move", lambda stages: stages.begun),
+    "prepare-abandoned": ("prepare-move", lambda stages: stages.abandoned),
     "commit-move": ("commit-move", lambda stages: stages.installed),
     "commit-completed": ("commit-move", lambda stages: stages.completed),
     "commit-refused": ("commit-move", lambda stages: stages.half),
     "commit-damaged": ("commit-move", lambda stages: stages.prepared),
     "rollback-move": ("rollback-move", lambda stages: stages.prepared),
     "rollback-half": ("rollback-move", lambda stages: stages.half),
+    "rollback-completed": ("rollback-move", lambda stages: stages.completed_rollback),
     "uninstall-product": ("uninstall-product", lambda stages: stages.begun),
+    "uninstall-completed": ("uninstall-product", lambda stages: stages.completed_removal),
 }
+REFUSED_STEPS = ("begin-refused", "commit-refused", "commit-damaged")  # also when undisturbed
 
 INSTALLATION_STEPS = ("begin-install", "prepare-move", "commit-move", "rollback-move", "rollback-half")
 MORE_STEPS = {"clean": ("begin-again", "begin-completed", "commit-completed", "commit-refused"),
-              "upgrade": ("commit-refused",), "repair": ("commit-damaged",)}
-MOVE_STEPS = ("prepare-move", "commit-move", "rollback-move", "rollback-half", "commit-refused")
+              "upgrade": ("commit-refused", "prepare-abandoned", "rollback-completed"),
+              "repair": ("commit-damaged",)}
+REMOVAL_STEPS = {"one": ("uninstall-product",), "last": ("uninstall-product", "uninstall-completed"),
+                 "both": ("uninstall-product",)}
+MOVE_STEPS = ("begin-refused", "prepare-move", "prepare-abandoned", "commit-move", "rollback-move",
+              "rollback-half", "commit-refused", "commit-completed")
 
 
 def _jobs():
-    """Yields for each job its name, how its stages are made, and its steps."""
+    """Yields for each job its name, how it is made, the identifier of a ready descriptor, and its steps."""
     for actor, scope in SETTINGS:
         place = f"{actor.name}-{scope}"
         for situation in ("clean", "upgrade", "repair", "beside", "suite"):
             make = functools.partial(installation_job, situation, actor, scope)
-            steps = INSTALLATION_STEPS + MORE_STEPS.get(situation, ())
-            yield f"{place}/{situation}", make, "", steps
-        for which in ("one", "last", "both"):
+            yield f"{place}/{situation}", make, "", INSTALLATION_STEPS + MORE_STEPS.get(situation, ())
+        for which, steps in REMOVAL_STEPS.items():
             make = functools.partial(removal_job, which, actor, scope)
-            yield f"{place}/remove-{which}", make, "remove-products", ("uninstall-product",)
-    for source in ("user", "system"):
+            yield f"{place}/remove-{which}", make, "remove-products", steps
+        for situation in ("upgrade", "repair"):
+            make = functools.partial(removal_after_job, f"{place}/{situation}", actor, scope)
+            yield f"{place}/remove-after-{situation}", make, "remove-products", ("uninstall-product",)
+        make = functools.partial(removal_of_restored_job, f"{place}/upgrade", actor, scope)
+        yield f"{place}/remove-restored", make, "remove-products", ("uninstall-product",)
+    for source, target in (("user", "system"), ("system", "user")):
         for kept in (True, False):
-            make = functools.partial(move_job, kept, source)
-            target = "system" if source == "user" else "user"
-            yield f"{source}-to-{target}/{'kept' if kept else 'dropped'}", make, "move-alpha", MOVE_STEPS
+            move = f"{source}-to-{target}/{'kept' if kept else 'dropped'}"
+            yield move, functools.partial(move_job, kept, source), "move-alpha", MOVE_STEPS
+            make = functools.partial(removal_after_job, move, tool.ROOT, target, beta_beside(source) if kept else ())
+            yield move + "-removed", make, "remove-products", ("uninstall-product",)
 
 
 _NAMES = {f"{name}/{step}": (name, make, ready, step)
@@ -304,7 +361,7 @@ def scenario(name):
 
 def _require_sound(made, step, found, fingerprints):
     outcome = made.outcome
-    expected = (65, b"") if step in ("commit-refused", "commit-damaged") else (0, outcome.stdout)
+    expected = (65, b"") if step in REFUSED_STEPS else (0, outcome.stdout)
     lines = [] if (outcome.ended, outcome.status, outcome.stdout) == ("exit", *expected) else [outcome.says()]
     lines += outcome.leaks + made.judge.faults(found)
     lines += ["touched: " + path for path in scene.touched(fingerprints)]

@@ -3,6 +3,7 @@
 #include "fs/directory_entries.h"
 #include "fs/existence.h"
 #include "fs/fixed_directory.h"
+#include "fs/held_locks.h"
 #include "fs/publish.h"
 #include "fs/sha256.h"
 #include "validate/invalid.h"
@@ -77,7 +78,12 @@ OpenFile openForeign(const std::filesystem::path& path)
     OpenFile source{OwnedFd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)), {}};
     if (!source.descriptor)
         throw Invalid(unreadableSource);
-    if (::fstat(source.descriptor.get(), &source.status) != 0 || !sameFile(source.status, examined))
+    const bool known = ::fstat(source.descriptor.get(), &source.status) == 0;
+    if (known && isHeldLock(source.status)) {
+        (void)source.descriptor.release();
+        throw Invalid(unsafeSource);
+    }
+    if (!known || !sameFile(source.status, examined))
         throw Invalid(unsafeSource);
     return source;
 }
@@ -96,8 +102,9 @@ void publishForeign(const OpenFile& source, const std::filesystem::path& destina
     prepareForeignDirectory(destination.parent_path());
     const std::filesystem::path fresh = destination.native() + ".new";
     try {
-        const OwnedFd copy(
-            ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+        // Truncating what stands there could reach another file through a second name of it.
+        ::unlink(fresh.c_str());
+        const OwnedFd copy(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (!copy || ::fchmod(copy.get(), 0600) != 0)
             throw std::runtime_error("cannot secure transaction copy");
         streamExpected(copy.get(), source, expectedHash);
@@ -120,7 +127,7 @@ void copyEntry(const OwnedFd& directory, const std::string& name, const FixedPla
     if (S_ISLNK(status.st_mode))
         throw Invalid("maintenance metadata contains a symbolic link");
     if (S_ISDIR(status.st_mode)) {
-        const OwnedFd entered = walkOneDirectory(directory.get(), name);
+        const OwnedFd entered = enterDirectory(source.scope, directory.get(), name);
         if (!entered)
             throw Invalid("maintenance metadata contains a symbolic link");
         openFixedDirectory(destination.scope, destination.relative, true, true);
@@ -135,7 +142,7 @@ void copyEntry(const OwnedFd& directory, const std::string& name, const FixedPla
 void copyEntries(const OwnedFd& directory, const FixedPlace& source, const FixedPlace& destination, int depth)
 {
     const auto names = directoryEntries(directory.get());
-    if (!names || depth == deepestTree)
+    if (!names || depth == deepestCopiedTree)
         throw Invalid("maintenance metadata contains a foreign file type");
     for (const std::string& name : *names)
         copyEntry(directory, name, below(source, name), below(destination, name), depth);

@@ -28,6 +28,17 @@ bool isPlainName(const std::string& component)
            component.find('\0') == std::string::npos;
 }
 
+/// Tells whether root is about to enter a directory that the scope's owner could not read. The owner can give
+/// such a directory, which other software left in the home, any name; what lies in it must not come out.
+bool isClosedToOwner(const std::string& scope, int directory)
+{
+    constexpr mode_t open = S_IROTH | S_IXOTH;
+    const uid_t owner = scopeOwner(scope);
+    struct stat status = {};
+    return owner != ::geteuid() &&
+           (::fstat(directory, &status) != 0 || (status.st_uid != owner && (status.st_mode & open) != open));
+}
+
 /// Opens a scope's root. A final "/" would make the system follow a link in the root's place.
 OwnedFd openScopeRoot(const std::string& scope)
 {
@@ -64,7 +75,8 @@ OwnedFd openFixedDirectory(const std::string& scope, std::string_view relativePa
     if (check)
         checkDirectory(current.get(), scope);
     for (const std::string& name : components(relativePath)) {
-        OwnedFd next = walkOneDirectory(current.get(), name);
+        OwnedFd next =
+            check ? walkOneDirectory(current.get(), name) : enterDirectory(scope, current.get(), name);
         if (!next && !(create && errno == ENOENT))
             throw Invalid("fixed maintenance directory is missing or redirected");
         if (!next)
@@ -85,13 +97,23 @@ OwnedFd walkOneDirectory(int parent, const std::string& name)
     return OwnedFd(::openat(parent, name.c_str(), directoryFlags));
 }
 
+OwnedFd enterDirectory(const std::string& scope, int parent, const std::string& name)
+{
+    OwnedFd directory = walkOneDirectory(parent, name);
+    if (directory && isClosedToOwner(scope, directory.get())) {
+        errno = EACCES;
+        return OwnedFd();
+    }
+    return directory;
+}
+
 OwnedFd walkFixedDirectory(const std::string& scope, std::string_view relativePath)
 {
     OwnedFd current = openScopeRoot(scope);
     for (const std::string& name : components(relativePath)) {
         if (!current)
             break;
-        current = walkOneDirectory(current.get(), name);
+        current = enterDirectory(scope, current.get(), name);
     }
     return current;
 }

@@ -24,13 +24,17 @@ namespace maintenance {
 /// Directories made before a failure stay: they are rightly owned and the next run uses them.
 OwnedFd openFixedDirectory(const std::string& scope, std::string_view relativePath, bool create, bool check);
 
-/// Walks as openFixedDirectory does, creating and checking nothing, and returns an empty OwnedFd instead
+/// Walks by enterDirectory, creating and checking nothing, and returns an empty OwnedFd instead
 /// of throwing when a component cannot be opened. Throws only what invokingHome throws.
 OwnedFd walkFixedDirectory(const std::string& scope, std::string_view relativePath);
 
 /// Opens the directory `name` inside the open directory `parent` (borrowed) without following a link; empty
-/// with errno set when that fails, also for a name that is empty, "." or "..".
+/// with errno set when that fails, also for a name that is empty, "." or "..". The caller examines its owner.
 OwnedFd walkOneDirectory(int parent, const std::string& name);
+
+/// Does the same where any owner will do, except that root does not enter a directory that the scope's owner
+/// could not read: empty, errno EACCES. Throws what invokingAccountUid throws.
+OwnedFd enterDirectory(const std::string& scope, int parent, const std::string& name);
 
 /// Requires an open directory to be safe for the scope; `descriptor` is borrowed.
 ///

@@ -66,7 +66,7 @@ OwnedFd openOwnedParent(const FixedPlace& place)
     if (parent.empty())
         return current;
     for (const std::string& name : split(parent, '/')) {
-        OwnedFd next = walkOneDirectory(current.get(), name);
+        OwnedFd next = enterDirectory(place.scope, current.get(), name);
         if (!next)
             refuseOwnedComponent(current.get(), name);
         current = std::move(next);

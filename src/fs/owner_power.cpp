@@ -9,12 +9,6 @@ namespace maintenance {
 
 namespace {
 
-bool belongsTo(int directory, uid_t owner)
-{
-    struct stat status = {};
-    return ::fstat(directory, &status) == 0 && status.st_uid == owner;
-}
-
 [[noreturn]] void endWithoutPower()
 {
     constexpr char message[] = "cannot take back the process's own power\n";
@@ -27,7 +21,12 @@ bool belongsTo(int directory, uid_t owner)
 int withOwnersPower(int directory, uid_t owner, const std::function<int()>& call)
 {
     const uid_t own = ::geteuid();
-    if (own != 0 || owner == own || !belongsTo(directory, owner))
+    if (own != 0 || owner == own)
+        return call();
+    struct stat status = {};
+    if (::fstat(directory, &status) != 0)
+        return -1;
+    if (status.st_uid != owner)
         return call();
     if (::seteuid(owner) != 0)
         throw std::system_error(errno, std::generic_category(), "cannot act as the scope's owner");

@@ -11,7 +11,8 @@ namespace maintenance {
 /// only root can exchange names, and the call keeps the process's own power.
 ///
 /// directory  borrowed
-/// returns    what `call` returned, errno as it left it
+/// returns    what `call` returned, errno as it left it; -1 and errno without a call when the directory's
+///            owner cannot be told
 /// throws     std::system_error when the account's power cannot be taken on. If root's power cannot be
 ///            taken back, the process says so and ends with status 70.
 int withOwnersPower(int directory, uid_t owner, const std::function<int()>& call);

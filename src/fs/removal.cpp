@@ -20,6 +20,13 @@ bool unlinkAsOwner(const std::string& scope, int directory, const std::string& n
                            [&] { return ::unlinkat(directory, name.c_str(), flags); }) == 0;
 }
 
+/// The scope's owner may have named another account's directory like metadata; what is in it is not ours.
+bool belongsToOwner(const std::string& scope, int directory)
+{
+    struct stat status = {};
+    return ::fstat(directory, &status) == 0 && status.st_uid == scopeOwner(scope);
+}
+
 void removeEntry(const std::string& scope, int directory, const std::string& name, int depth);
 
 void removeDirectory(const std::string& scope, int parent, const std::string& name, int depth)
@@ -27,6 +34,8 @@ void removeDirectory(const std::string& scope, int parent, const std::string& na
     const OwnedFd directory = walkOneDirectory(parent, name);
     if (!directory)
         throw Invalid("fixed mutation directory was redirected");
+    if (!belongsToOwner(scope, directory.get()))
+        throw Invalid("cannot remove fixed metadata directory");
     const auto entries = directoryEntries(directory.get());
     if (!entries || depth == deepestTree)
         throw Invalid("cannot enumerate fixed mutation directory");

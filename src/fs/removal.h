@@ -17,7 +17,7 @@ namespace maintenance {
 ///         Invalid "fixed mutation target has a foreign file type"
 ///         Invalid "fixed mutation directory was redirected"      a directory cannot be opened
 ///         Invalid "cannot enumerate fixed mutation directory"    also for one deeper than deepestTree
-///         Invalid "cannot remove fixed metadata directory"
+///         Invalid "cannot remove fixed metadata directory"       also one of another owner than the scope's
 /// What was removed before a failure stays removed.
 void removeTreeAt(const std::string& scope, int directory, const std::string& name);
 

@@ -1,11 +1,13 @@
 #include "fs/scope.h"
 
 #include "platform/console_account.h"
+#include "platform/shortage.h"
 #include "validate/invalid.h"
 
 #include <algorithm>
 #include <limits>
 #include <pwd.h>
+#include <stdexcept>
 #include <unistd.h>
 #include <vector>
 
@@ -38,6 +40,9 @@ std::string invokingHome()
     passwd record{};
     passwd* found = nullptr;
     const int failure = ::getpwuid_r(uid, &record, buffer.data(), buffer.size(), &found);
+    // Taken for "no such account", a shortage would hide what is installed in the account's home.
+    if (meansShortage(failure))
+        throw std::runtime_error("cannot resolve the invoking account home");
     if (failure != 0 || found == nullptr || found->pw_dir == nullptr || *found->pw_dir != '/')
         throw Invalid("cannot resolve the invoking account home");
     return found->pw_dir;

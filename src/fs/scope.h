@@ -31,12 +31,14 @@ bool isScope(std::string_view word);
 ///
 /// throws  Invalid "cannot resolve the invoking console account"  the process is root's and the console
 ///         account is unknown, root, or another one than this run was first told
+///         std::runtime_error with the same text when the system could not answer just now
 uid_t invokingAccountUid();
 
 /// Returns the invoking account's home directory as the account database gives it.
 ///
 /// throws  what invokingAccountUid throws
 ///         Invalid "cannot resolve the invoking account home"  no record, or no absolute home in it
+///         std::runtime_error with the same text when the system could not answer just now
 std::string invokingHome();
 
 /// Returns the directory that a scope's relative paths start from: the home for "user", else "/".

@@ -1,5 +1,9 @@
 #include "platform/console_account.h"
 
+#include "platform/shortage.h"
+
+#include <stdexcept>
+
 #if MAINTENANCE_HAVE_LOGIN_MANAGER
 #if __has_include(<systemd/sd-login.h>)
 #include <systemd/sd-login.h>
@@ -15,9 +19,10 @@ std::optional<uid_t> consoleAccountUid()
 {
 #if MAINTENANCE_HAVE_LOGIN_MANAGER
     uid_t uid = 0;
-    if (sd_seat_get_active("seat0", nullptr, &uid) < 0)
-        return std::nullopt;
-    return uid;
+    const int answer = sd_seat_get_active("seat0", nullptr, &uid);
+    if (meansShortage(-answer))
+        throw std::runtime_error("cannot resolve the invoking console account");
+    return answer < 0 ? std::nullopt : std::optional(uid);
 #else
     return std::nullopt;
 #endif

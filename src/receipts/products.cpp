@@ -1,11 +1,10 @@
 #include "receipts/products.h"
 
+#include "fs/existence.h"
 #include "fs/scope.h"
 #include "validate/identifiers.h"
 #include "validate/invalid.h"
 #include "validate/text_fields.h"
-
-#include <sys/stat.h>
 
 namespace maintenance {
 
@@ -95,8 +94,8 @@ bool scopeAvailableForDuplicateCheck(const std::string& scope)
     if (scope == "system")
         return true;
     try {
-        struct stat status = {};
-        return ::lstat(invokingHome().c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+        const auto home = linkStatus(invokingHome());
+        return home && S_ISDIR(home->st_mode);
     } catch (const Invalid&) {
         return false;
     }

@@ -54,7 +54,8 @@ Version version(std::string_view text);
 void rejectCommonDowngrade(const std::string& scope, const std::string& incoming);
 
 /// Tells whether the scope's receipts can be consulted: always for "system"; for "user" when the invoking
-/// account's home is a directory and no link. Throws what invokingHome throws, except Invalid.
+/// account's home is a directory and no link. Throws what invokingHome throws, except Invalid, and what
+/// linkStatus throws.
 bool scopeAvailableForDuplicateCheck(const std::string& scope);
 
 } // namespace maintenance

@@ -102,6 +102,14 @@ Standing examinePlace(const FixedPlace& place, const std::string& expectedHash)
     return status->st_uid == scopeOwner(place.scope) ? Standing::Replaceable : Standing::Foreign;
 }
 
+/// Removes what a killed restoration has left beside a place. A copy does not look for it by itself, as most
+/// copies go to a new directory.
+void clearLeftovers(const FixedPlace& place)
+{
+    if (const OwnedFd directory = walkFixedDirectory(place.scope, parentOf(place.relative)))
+        removeLeftovers(place.scope, directory.get(), nameOf(place.relative));
+}
+
 /// Brings a place back to the snapshot's bytes. A file is replaced in one step; only what cannot be replaced
 /// is removed first.
 void restoreFile(const FixedPlace& place, const FixedPlace& copy, const std::string& hash)
@@ -111,34 +119,27 @@ void restoreFile(const FixedPlace& place, const FixedPlace& copy, const std::str
         return;
     if (standing == Standing::Foreign)
         removeOwned(place, "", Links::Remove);
-    if (const OwnedFd directory = walkFixedDirectory(place.scope, parentOf(place.relative)))
-        removeLeftovers(place.scope, directory.get(), nameOf(place.relative));
+    clearLeftovers(place);
     copyFixed(copy, place, hash);
 }
 
-/// Removes the files of the affected packages that the snapshot does not list.
-void removeUnlisted(const std::string& scope, const std::vector<SnapshotFile>& listed,
-                    const std::set<std::string>& packages)
-{
-    std::set<std::string> paths;
-    for (const SnapshotFile& file : listed)
-        paths.insert(file.path);
-    const ReceiptInventory live = pkgutilReceipts(scope, false);
-    const std::set<std::string> others = pathsOfOthers(live, packages);
-    for (const auto& [packageId, receipt] : live) {
-        if (!packages.contains(packageId))
-            continue;
-        for (const ReceiptFile& file : receipt.files)
-            if (!paths.contains(file.path) && !others.contains(file.path))
-                removeOwned({scope, file.path}, "", Links::Remove);
-    }
-}
-
+/// Removes the files of the affected packages that the snapshot does not list, and brings back those that it
+/// lists. What another package owns is left alone, whatever the manifest says of it.
 void restoreAuthorityFiles(const std::string& scope, const FixedPlace& snapshot,
-                           const std::vector<SnapshotFile>& files, const Descriptor& descriptor)
+                           const std::vector<SnapshotFile>& files, const std::set<std::string>& packages)
 {
-    removeUnlisted(scope, files, affectedPackages(descriptor));
+    const ReceiptInventory live = pkgutilReceipts(scope, false);
+    std::set<std::string> kept = pathsOfOthers(live, packages);
+    std::vector<SnapshotFile> restored;
     for (const SnapshotFile& file : files)
+        if (kept.insert(file.path).second)
+            restored.push_back(file);
+    for (const std::string& packageId : packages)
+        if (const auto receipt = live.find(packageId); receipt != live.end())
+            for (const ReceiptFile& file : receipt->second.files)
+                if (!kept.contains(file.path))
+                    removeOwned({scope, file.path}, "", Links::Remove);
+    for (const SnapshotFile& file : restored)
         restoreFile({scope, file.path}, snapshotFilePlace(snapshot, file.serial), file.sha256);
 }
 
@@ -167,6 +168,7 @@ void restoreMetadata(const std::string& scope, const FixedPlace& snapshot)
     const std::filesystem::path index = installedProductsIndex(scope);
     const std::filesystem::path copy = absolutePath(below(snapshot, indexName));
     removeFixedPath(index);
+    clearLeftovers(placeInScope(scope, index));
     if (somethingStandsAt(copy))
         copyRegular(copy, index, std::nullopt);
 }
@@ -188,7 +190,7 @@ void restore(const Descriptor& descriptor)
     const std::vector<Role> roles = involvedRoles(descriptor);
     for (const Role& role : roles)
         restoreAuthorityFiles(role.scope, authoritySnapshot(descriptor, role.name),
-                              proven.authorities.at(role.name), descriptor);
+                              proven.authorities.at(role.name), affectedPackages(descriptor));
     restoreTargets(descriptor, proven.targets);
     for (const Role& role : roles)
         restoreMetadata(role.scope, metadataSnapshot(descriptor, role.name));

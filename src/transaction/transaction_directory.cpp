@@ -84,11 +84,20 @@ void publishLeases(const Descriptor& descriptor, const std::string& prepared)
     }
 }
 
+/// Tells whether what stands in a lease's place could be this transaction's. What
+/// somebody planted there could not.
+bool couldBeLease(const struct stat& standing, const std::string& scope, const std::string& prepared)
+{
+    return S_ISREG(standing.st_mode) && standing.st_uid == scopeOwner(scope) &&
+           standing.st_size == static_cast<off_t>(prepared.size());
+}
+
 /// Removes the scope's lease when it holds this transaction's text; false when that could not be done.
 bool takeBackLease(const std::string& scope, const std::string& prepared)
 {
     try {
-        if (somethingStandsAt(activePath(scope)) && readLease(scope) == prepared)
+        const auto standing = linkStatus(activePath(scope));
+        if (standing && couldBeLease(*standing, scope, prepared) && readLease(scope) == prepared)
             removeFixedPath(activePath(scope));
         return true;
     } catch (const std::exception&) {

@@ -1,5 +1,6 @@
 #include "interrupt/calls.h"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <map>
 #include <sys/mman.h>
@@ -125,6 +126,14 @@ CallType typeOf(const Call& call)
     return type;
 }
 
+std::vector<std::uint64_t> knownCalls()
+{
+    std::vector<std::uint64_t> numbers;
+    for (const auto& call : table())
+        numbers.push_back(call.first);
+    return numbers;
+}
+
 bool beginsProgram(const Call& call)
 {
     return call.number == SYS_fcntl && call.arguments[0] == STDIN_FILENO && call.arguments[1] == F_GETFD;
@@ -139,6 +148,23 @@ bool startsProcess(const Call& call)
 }
 
 bool failsByItsState(const Call& call) { return call.number == SYS_brk; }
+
+bool mayFailWith(const Call& call, int error)
+{
+    const bool locks = call.number == SYS_fcntl && kindOfFcntl(call.arguments[1]) == Kind::Change;
+    const bool duplicates = call.number == SYS_fcntl && !locks;
+    switch (error) {
+    case EMFILE:
+    case ENFILE:
+        return isOpen(call) || duplicates || call.number == SYS_pipe || call.number == SYS_pipe2 ||
+               call.number == SYS_dup || call.number == SYS_dup2 || call.number == SYS_dup3;
+    case EIO:
+    case ENOSPC:
+        return !locks && !startsProcess(call);
+    default:
+        return true;
+    }
+}
 
 std::optional<std::size_t> lengthArgument(const Call& call)
 {

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// What a system call is to a campaign.
 enum class Kind {
@@ -34,6 +35,9 @@ struct CallType {
 /// the table does not know are Other.
 CallType typeOf(const Call& call);
 
+/// The numbers of all calls that the table knows.
+std::vector<std::uint64_t> knownCalls();
+
 /// Tells whether `call` is the first one that the program under test makes by itself, not its loader.
 bool beginsProgram(const Call& call);
 
@@ -46,6 +50,10 @@ bool startsProcess(const Call& call);
 /// Tells whether `call` has no error numbers: it fails by returning the state that a first argument of 0 asks
 /// for.
 bool failsByItsState(const Call& call);
+
+/// Tells whether `call` may fail with that error number when a whole resource is used up or broken; errors of
+/// other kinds are taken to be possible everywhere.
+bool mayFailWith(const Call& call, int error);
 
 /// Returns the index of the argument that limits how many bytes `call` reads or writes, if there is one.
 std::optional<std::size_t> lengthArgument(const Call& call);

@@ -106,7 +106,7 @@ of its own on; processes that it starts are not.
                            after         kill the process at the call's exit
                            all           the same, with every process that it has started
                            error:NAME    skip the call and report that error
-                           errors:NAME   the same for this and every later call of the kind
+                           errors:NAME   the same for this and every later call of the kind that can report it
                            short         read or write only half
                            shorts        the same for this and every later call of the kind
   --report FILE          write what happened to FILE, one line each, fields separated by tabs
@@ -115,8 +115,10 @@ of its own on; processes that it starts are not.
   --seconds N            a run that takes longer counts as hanging and is killed; default 60
 
 Lines of the report: "call" and "hit" with kind, number, name, what it acts on and (call only) its result;
-"open" with a descriptor that was still open at the end and what it led to; "counts" with the number of calls
-of each kind; "ended" with "exit" and a status, "signal" and a number, "killed", or "hung".
+"open" with a descriptor that was still open at the end and what it led to; "running" with a process that the
+command had started and not waited for when it ended; "inherited" with a descriptor that a started program got
+beside its standard ones and what it leads to; "counts" with the number of calls of each kind that was watched;
+"ended" with "exit" and a status, "signal" and a number, "killed", or "hung".
 
 Exit status: 0 if the run took place, 1 if not.
 )";

@@ -1,10 +1,17 @@
 #include "interrupt/tracee.h"
 
+#include "common/text.h"
+#include "interrupt/stops.h"
+
 #include <csignal>
 #include <dirent.h>
+#include <functional>
 #include <grp.h>
 #include <memory>
+#include <set>
+#include <sys/personality.h>
 #include <sys/prctl.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,10 +25,22 @@ void noteTime(int) { timeIsUp = 1; }
 
 void limitTime(unsigned seconds)
 {
-    struct sigaction action {};
+    struct sigaction action = {};
     action.sa_handler = noteTime; // without SA_RESTART, so that it interrupts the waiting
     ::sigaction(SIGALRM, &action, nullptr);
-    ::alarm(seconds);
+    // Again and again, in case the first one comes when nothing is being waited for.
+    const itimerval limit{{1, 0}, {static_cast<time_t>(seconds), 0}};
+    ::setitimer(ITIMER_REAL, &limit, nullptr);
+}
+
+std::set<Kind> kindsToWatch(const Options& options)
+{
+    if (options.record)
+        return {Kind::Change, Kind::Access, Kind::Memory};
+    std::set<Kind> kinds;
+    for (const Point& point : options.points)
+        kinds.insert(point.kind);
+    return kinds;
 }
 
 [[noreturn]] void become(const Options& options)
@@ -31,20 +50,44 @@ void limitTime(unsigned seconds)
         words.push_back(const_cast<char*>(word.c_str()));
     words.push_back(nullptr);
     ::setpgid(0, 0);
+    ::personality(ADDR_NO_RANDOMIZE); // so that the same run asks for memory at the same calls
+    if (::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0 || ::raise(SIGSTOP) != 0 ||
+        !stopAtCallsOf(kindsToWatch(options)))
+        ::_exit(126);
     if (options.user &&
         (::setgroups(0, nullptr) != 0 || ::setgid(options.group) != 0 || ::setuid(*options.user) != 0))
         ::_exit(126);
-    if (::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
-        ::_exit(126);
-    ::raise(SIGSTOP);
     ::execv(words[0], words.data());
     ::_exit(127);
 }
 
-const Point* pointFor(const std::vector<Point>& points, Kind kind, unsigned long number)
+/// Calls `take` with every open descriptor of the process above standard error, and what it leads to.
+void forOpenDescriptors(pid_t pid, const std::function<void(int, const std::string&)>& take)
+{
+    const std::string path = "/proc/" + std::to_string(pid) + "/fd";
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path.c_str()), ::closedir);
+    if (!directory)
+        failed("cannot list the open descriptors");
+    while (const dirent* entry = ::readdir(directory.get())) {
+        const auto descriptor = number(entry->d_name);
+        if (descriptor && *descriptor > STDERR_FILENO)
+            take(static_cast<int>(*descriptor), descriptorTarget(pid, static_cast<int>(*descriptor)));
+    }
+}
+
+bool strikes(const Point& point, Kind kind, unsigned long number, const Call& call)
+{
+    if (point.kind != kind || point.number > number)
+        return false;
+    if (point.number == number)
+        return true;
+    return point.onwards && (point.deed != Deed::Fail || mayFailWith(call, point.error));
+}
+
+const Point* pointFor(const std::vector<Point>& points, Kind kind, unsigned long number, const Call& call)
 {
     for (const Point& point : points)
-        if (point.kind == kind && (point.number == number || (point.onwards && point.number < number)))
+        if (strikes(point, kind, number, call))
             return &point;
     return nullptr;
 }
@@ -56,15 +99,20 @@ std::string Tracee::run()
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
     limitTime(options_.seconds);
     start();
-    while (follow()) {
-    }
-    // What the command has started may outlive it, and must not reach into what is done next.
-    int status = 0;
-    while (::waitpid(-1, &status, __WALL) > 0 || errno == EINTR)
-        if (timeIsUp)
+    for (;;) {
+        int status = 0;
+        const pid_t pid = ::waitpid(-1, &status, __WALL);
+        if (pid < 0 && errno != EINTR)
+            break;
+        if (pid < 0 && timeIsUp)
             ::kill(-pid_, SIGKILL);
-    for (const Kind kind : {Kind::Change, Kind::Access, Kind::Memory})
-        line(std::string("counts\t") + nameOf(kind) + "\t" + std::to_string(counts_[kind]));
+        else if (pid == pid_)
+            handle(status);
+        else if (pid > 0)
+            handleOther(pid, status);
+    }
+    for (const auto& [kind, count] : counts_)
+        line(std::string("counts\t") + nameOf(kind) + "\t" + std::to_string(count));
     return report_;
 }
 
@@ -78,66 +126,85 @@ void Tracee::start()
     int status = 0;
     if (::waitpid(pid_, &status, 0) != pid_ || !WIFSTOPPED(status))
         failed("cannot start the command");
-    const long traced = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEEXEC | PTRACE_O_EXITKILL;
+    constexpr long traced = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACESECCOMP | PTRACE_O_TRACEEXEC |
+                            PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK | PTRACE_O_TRACECLONE |
+                            PTRACE_O_EXITKILL;
     if (::ptrace(PTRACE_SETOPTIONS, pid_, nullptr, traced) != 0)
         failed("cannot trace the command");
-    ::ptrace(PTRACE_SYSCALL, pid_, nullptr, 0L);
+    resume(0);
 }
 
-/// Waits for the next event and acts on it; false once the process has ended.
-bool Tracee::follow()
+void Tracee::resume(int signal)
 {
-    int status = 0;
-    while (::waitpid(pid_, &status, 0) < 0) {
-        if (errno != EINTR)
-            failed("cannot wait for the command");
-        if (timeIsUp)
-            ::kill(-pid_, SIGKILL);
-    }
+    // Fails where the process was killed meanwhile; then its end is the next thing to hear of it.
+    const auto request = awaitsExit_ ? PTRACE_SYSCALL : PTRACE_CONT;
+    ::ptrace(request, pid_, nullptr, static_cast<long>(signal));
+}
+
+/// Acts on what the command's own process has come to.
+void Tracee::handle(int status)
+{
     if (!WIFSTOPPED(status)) {
         reportEnd(status);
-        return false;
+        return;
     }
-    long signal = 0;
-    if (status >> 8 == (SIGTRAP | PTRACE_EVENT_EXEC << 8))
-        executed_ = true;
-    else if (WSTOPSIG(status) == callStop)
-        handleCallStop();
-    else
+    int signal = 0;
+    if (timeIsUp)
+        ::kill(-pid_, SIGKILL);
+    else if (status >> 16 != 0)
+        handleEvent(status >> 16);
+    else if (WSTOPSIG(status) != callStop)
         signal = WSTOPSIG(status);
-    ::ptrace(PTRACE_SYSCALL, pid_, nullptr, signal);
-    return true;
+    else if (awaitsExit_)
+        leaveCall(callInfo(pid_).exit.rval);
+    resume(signal);
 }
 
-void Tracee::handleCallStop()
+/// Lets a process go on that the command has started; it is traced only because it stops at the same calls.
+void Tracee::handleOther(pid_t pid, int status)
 {
-    if (!executed_ || killed_)
+    if (!WIFSTOPPED(status))
+        return;
+    const int event = status >> 16;
+    if (event == PTRACE_EVENT_EXEC && !timeIsUp)
+        reportInherited(pid);
+    const int signal = event != 0 || WSTOPSIG(status) == SIGSTOP ? 0 : WSTOPSIG(status);
+    ::ptrace(PTRACE_CONT, pid, nullptr, static_cast<long>(signal));
+}
+
+void Tracee::handleEvent(int event)
+{
+    if (event == PTRACE_EVENT_EXEC)
+        executed_ = true;
+    if (event == PTRACE_EVENT_FORK || event == PTRACE_EVENT_VFORK || event == PTRACE_EVENT_CLONE) {
+        unsigned long child = 0;
+        if (::ptrace(PTRACE_GETEVENTMSG, pid_, nullptr, &child) == 0)
+            started_.push_back(static_cast<pid_t>(child));
+    }
+    if (event != PTRACE_EVENT_SECCOMP || !executed_ || killed_)
         return;
     const __ptrace_syscall_info info = callInfo(pid_);
-    if (info.op == PTRACE_SYSCALL_INFO_ENTRY)
-        enterCall(info);
-    else if (info.op == PTRACE_SYSCALL_INFO_EXIT && inCall_)
-        leaveCall(info);
+    Call call{info.seccomp.nr, {}};
+    std::copy(std::begin(info.seccomp.args), std::end(info.seccomp.args), call.arguments.begin());
+    enterCall(call);
 }
 
-void Tracee::enterCall(const __ptrace_syscall_info& info)
+void Tracee::enterCall(const Call& call)
 {
-    Call call{info.entry.nr, {}};
-    std::copy(std::begin(info.entry.args), std::end(info.entry.args), call.arguments.begin());
     begun_ = begun_ || beginsProgram(call);
     if (endsProgram(call))
-        reportOpenDescriptors();
+        reportUnfinished();
     const CallType type = typeOf(call);
     if (!begun_ || type.kind == Kind::Other)
         return;
 
-    inCall_ = true;
     const unsigned long number = ++counts_[type.kind];
-    const Point* point = pointFor(options_.points, type.kind, number);
+    const Point* point = pointFor(options_.points, type.kind, number, call);
     if (!point && !options_.record)
         return;
     const std::string described = std::string("\t") + nameOf(type.kind) + "\t" + std::to_string(number) +
                                   "\t" + type.name + "\t" + subjectOf(pid_, call, type.names);
+    awaitsExit_ = true;
     if (options_.record)
         recorded_ = "call" + described;
     if (!point)
@@ -149,7 +216,7 @@ void Tracee::enterCall(const __ptrace_syscall_info& info)
 void Tracee::strikeAtEntry(const Point& point, const Call& call)
 {
     if (point.deed == Deed::Fail && failsByItsState(call)) {
-        setArgument(pid_, 0, 0);
+        changeArgument(call, 0, 0);
         return;
     }
     pending_ = &point;
@@ -160,14 +227,22 @@ void Tracee::strikeAtEntry(const Point& point, const Call& call)
     } else if (point.deed == Deed::Shorten) {
         const auto length = lengthArgument(call);
         if (length && call.arguments[*length] > 1)
-            setArgument(pid_, *length, call.arguments[*length] / 2);
+            changeArgument(call, *length, call.arguments[*length] / 2);
     }
 }
 
-void Tracee::leaveCall(const __ptrace_syscall_info& info)
+void Tracee::changeArgument(const Call& call, std::size_t index, std::uint64_t value)
 {
-    inCall_ = false;
-    std::int64_t result = info.exit.rval;
+    changed_ = ChangedArgument{index, call.arguments[index]};
+    setArgument(pid_, index, value);
+}
+
+void Tracee::leaveCall(std::int64_t result)
+{
+    awaitsExit_ = false;
+    if (changed_)
+        setArgument(pid_, changed_->index, changed_->value);
+    changed_.reset();
     if (pending_ && pending_->deed == Deed::Fail) {
         result = -pending_->error;
         setResult(pid_, result);
@@ -186,18 +261,26 @@ void Tracee::kill(bool group)
     ::kill(group ? -pid_ : pid_, SIGKILL);
 }
 
-void Tracee::reportOpenDescriptors()
+/// Reports what a program that ends should have closed and waited for.
+void Tracee::reportUnfinished()
 {
-    const std::string path = "/proc/" + std::to_string(pid_) + "/fd";
-    const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path.c_str()), ::closedir);
-    if (!directory)
-        failed("cannot list the open descriptors");
-    while (const dirent* entry = ::readdir(directory.get())) {
-        const std::string name = entry->d_name;
-        if (name == "." || name == ".." || name == "0" || name == "1" || name == "2")
-            continue;
-        line("open\t" + name + "\t" + descriptorTarget(pid_, std::stoi(name)));
-    }
+    forOpenDescriptors(pid_, [&](int descriptor, const std::string& target) {
+        line("open\t" + std::to_string(descriptor) + "\t" + target);
+    });
+    for (const pid_t child : started_)
+        if (::kill(child, 0) == 0) // also as long as nobody has waited for it
+            line("running\t" + std::to_string(child));
+}
+
+/// Reports what a program that was just started has got beside its standard descriptors. A second name of its
+/// own output is harmless.
+void Tracee::reportInherited(pid_t pid)
+{
+    const std::string output = descriptorTarget(pid, STDOUT_FILENO);
+    forOpenDescriptors(pid, [&](int descriptor, const std::string& target) {
+        if (target != output)
+            line("inherited\t" + std::to_string(descriptor) + "\t" + target);
+    });
 }
 
 void Tracee::reportEnd(int status)
