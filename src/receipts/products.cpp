@@ -42,6 +42,14 @@ const Receipt* unusedSharedPackage(const ReceiptInventory& inventory)
     return shared == inventory.end() || !packageCounts(inventory).empty() ? nullptr : &shared->second;
 }
 
+bool hasProductsBeside(const ReceiptInventory& inventory, const std::set<std::string>& packages)
+{
+    ReceiptInventory others = inventory;
+    for (const std::string& packageId : packages)
+        others.erase(packageId);
+    return !packageCounts(others).empty();
+}
+
 InstalledProducts receiptProducts(const std::string& scope)
 {
     const ReceiptInventory inventory = pkgutilReceipts(scope, true);

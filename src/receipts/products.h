@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -29,6 +30,10 @@ std::string productFromPackage(std::string_view packageId);
 /// Returns the shared package when it is registered and no product of the inventory uses it, else a null
 /// pointer. The receipt belongs to the inventory. Throws what productFromPackage throws.
 const Receipt* unusedSharedPackage(const ReceiptInventory& inventory);
+
+/// Tells whether the inventory holds packages of products beside `packages`. One listing that the package
+/// database cut short must not make the shared package look unused. Throws what productFromPackage throws.
+bool hasProductsBeside(const ReceiptInventory& inventory, const std::set<std::string>& packages);
 
 /// Returns the products that are installed natively in the scope, from its verified receipts. A product is
 /// exactly one ".vst3" and one ".au" package of byte-identical version.

@@ -101,10 +101,10 @@ void removeReceiptFiles(const std::string& scope, const Receipt& receipt, const 
             removeOwned({scope, file.path}, preparedHash(hashes, file.path), Links::Refuse);
 }
 
-void removeProductPackages(const Descriptor& descriptor, const PreparedHashes& hashes)
+void removeProductPackages(const Descriptor& descriptor, const PreparedHashes& hashes,
+                           const ReceiptInventory& live)
 {
     const std::string& scope = descriptor.sourceScope;
-    const ReceiptInventory live = pkgutilReceipts(scope, false);
     const std::set<std::string> others = pathsOfOthers(live, productPackages(descriptor));
     std::size_t index = 0;
     for (const Product& product : descriptor.products) {
@@ -122,9 +122,14 @@ void removeProductPackages(const Descriptor& descriptor, const PreparedHashes& h
 }
 
 /// Removes the shared package from the source scope when no product there uses it any more.
-void dropSharedPackage(const Descriptor& descriptor, const PreparedHashes& hashes)
+///
+/// before  the scope's receipts before anything was removed
+void dropSharedPackage(const Descriptor& descriptor, const PreparedHashes& hashes,
+                       const ReceiptInventory& before)
 {
     const std::string& scope = descriptor.sourceScope;
+    if (hasProductsBeside(before, productPackages(descriptor)))
+        return;
     const ReceiptInventory live = pkgutilReceipts(scope, false);
     const Receipt* shared = unusedSharedPackage(live);
     if (shared == nullptr)
@@ -136,8 +141,9 @@ void dropSharedPackage(const Descriptor& descriptor, const PreparedHashes& hashe
 void clearSource(const Descriptor& descriptor)
 {
     const PreparedHashes hashes = snapshotInventory(authoritySnapshot(descriptor, "source"));
-    removeProductPackages(descriptor, hashes);
-    dropSharedPackage(descriptor, hashes);
+    const ReceiptInventory live = pkgutilReceipts(descriptor.sourceScope, false);
+    removeProductPackages(descriptor, hashes, live);
+    dropSharedPackage(descriptor, hashes, live);
     aggregate(descriptor.sourceScope);
 }
 

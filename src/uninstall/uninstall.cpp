@@ -81,9 +81,10 @@ bool isRecordedRegistration(const Receipt& live, const PackageContents& recorded
     return livePaths == recordedPaths;
 }
 
-/// Proves from the snapshot what proveInstallation proved live before the run was interrupted. A transaction
-/// that was prepared for something else is never carried out as an uninstallation.
-void proveResumed(const Descriptor& descriptor, const ReceiptInventory& live)
+/// Proves from the snapshot what proveInstallation proved live, be it in an earlier run that was interrupted.
+/// A transaction that was prepared for something else is never carried out as an uninstallation. Only a
+/// resumed one may find that packages are registered no longer.
+void proveSnapshot(const Descriptor& descriptor, const ReceiptInventory& live, bool resumed)
 {
     const PackageContents described = packageContents(descriptor);
     const PackageContents recorded = snapshotPackages(authoritySnapshot(descriptor, "target"));
@@ -95,6 +96,8 @@ void proveResumed(const Descriptor& descriptor, const ReceiptInventory& live)
         if (!isShared && (package == recorded.end() || !isSameContent(package->second, content)))
             refuseMismatch();
         const auto receipt = live.find(packageId);
+        if (receipt == live.end() && !isShared && !resumed)
+            refuseMismatch();
         if (receipt != live.end() && !isRecordedRegistration(receipt->second, recorded))
             refuseMismatch();
     }
@@ -143,8 +146,13 @@ void removeProducts(const Descriptor& descriptor, PackageRemoval& removal, const
 }
 
 /// Removes the shared package when no product of the maker is left in the scope.
-void removeSharedPackage(PackageRemoval& removal)
+///
+/// before  the receipts before anything was removed
+void removeSharedPackage(const Descriptor& descriptor, PackageRemoval& removal,
+                         const ReceiptInventory& before)
 {
+    if (hasProductsBeside(before, productPackages(descriptor)))
+        return;
     const ReceiptInventory live = pkgutilReceipts(removal.scope, false);
     const Receipt* shared = unusedSharedPackage(live);
     if (shared == nullptr)
@@ -166,12 +174,11 @@ void uninstall(const Descriptor& descriptor)
         resumed ? verifyPrepared(descriptor, transactionRoot(descriptor)) : beginUninstallation(descriptor);
 
     const ReceiptInventory live = pkgutilReceipts(scope, false);
-    if (resumed)
-        proveResumed(descriptor, live);
+    proveSnapshot(descriptor, live, resumed);
     PackageRemoval removal{scope, snapshotInventory(authoritySnapshot(descriptor, "target")),
                            pathsOfOthers(live, productPackages(descriptor))};
     removeProducts(descriptor, removal, live);
-    removeSharedPackage(removal);
+    removeSharedPackage(descriptor, removal, live);
     aggregate(scope);
     finishTransaction(descriptor, state);
 }

@@ -135,7 +135,7 @@ TEST_P(RollbackIn, RemovesAnIndexThatWasNotThere)
 
 TEST_P(RollbackIn, LeavesEveryModeAsUsualUnderAnyUmask)
 {
-    for (const mode_t umask : {0, 077}) {
+    for (const mode_t umask : {0U, 077U}) {
         const SavedDisk empty;
         const Transaction transaction = prepareRepair(scope());
         ExpectedDisk expected;
