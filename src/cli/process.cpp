@@ -6,6 +6,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <stdexcept>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -19,6 +20,9 @@ void prepareProcess()
         if (::fcntl(descriptor, F_GETFD) == -1 && ::open("/dev/null", O_RDONLY) != descriptor)
             ::_exit(70);
     (void)std::signal(SIGCHLD, SIG_DFL);
+    // A directory that its owner could not enter would stop every later run.
+    constexpr mode_t groupAndOthers = S_IRWXG | S_IRWXO;
+    ::umask(::umask(0) & groupAndOthers);
     // Handled rather than ignored, so that no child inherits it.
     (void)std::signal(SIGXFSZ, [](int) {});
 }

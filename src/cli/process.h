@@ -5,7 +5,8 @@
 namespace maintenance {
 
 /// Puts the process into a defined state before anything else: descriptors 0, 1 and 2 are open, children can
-/// be waited for, and a file that grows beyond a limit fails to be written instead of ending the process.
+/// be waited for, a file that grows beyond a limit fails to be written instead of ending the process, and the
+/// umask leaves the owner of a new directory all of its rights.
 void prepareProcess();
 
 /// Writes a command's result to standard output.

@@ -3,6 +3,7 @@
 #include "support/child.h"
 #include "support/scene.h"
 
+#include <cerrno>
 #include <gtest/gtest.h>
 
 namespace maintenance::rehearsed {
@@ -58,6 +59,21 @@ TEST(ConsoleAccount, IsNobodyWhenTheSeatSaysNothingUsable)
     removeAll(seatFile);
     makeDirectories(seatFile);
     EXPECT_EQ(answer(), "nobody");
+}
+
+/// What is answered while the seat's file cannot be opened.
+Ending answerWithout(int error)
+{
+    const auto fail = [=](const SystemCall& call) { return call.text(1) == seatFile ? error : 0; };
+    return stopping({SYS_openat}, fail, answer);
+}
+
+TEST(ConsoleAccount, ThatTheMachineCannotTellJustNowIsNotNobody)
+{
+    for (const int error : {EIO, EMFILE, ENFILE, ENOMEM, EINTR})
+        EXPECT_EQ(answerWithout(error), runtimeError("cannot resolve the invoking console account")) << error;
+    for (const int error : {ENOENT, EACCES, ENOTDIR})
+        EXPECT_EQ(answerWithout(error), returned("nobody")) << error;
 }
 
 TEST(ConsoleAccount, IsTheSameForEveryAccountThatAsks)
