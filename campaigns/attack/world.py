@@ -13,8 +13,8 @@ from attack import decoys, runs
 HOME = products.HOME
 SECRET = re.compile(b"[\xf5-\xff]")
 SEARCHED = ("/Users", "/Library", decoys.PRIVATE, "/run", "/var/db", "/var/neighbour", "/dev/shm")
-BUNDLES = re.compile("(?:Library/Audio/Plug-Ins/VST3/Tamarind Pelican/(?:TP Alpha|Mangrove Reverb)\\.vst3"
-                     "|Library/Audio/Plug-Ins/Components/(?:TP Alpha|Mangrove Reverb)\\.component)(?:/.*)?")
+NAME = "(?:TP [A-Za-z0-9._ -]+|Mangrove Reverb)"    # of the maker's products
+BUNDLES = re.compile(f"(?:{products.VST3}/{NAME}\\.vst3|{products.COMPONENTS}/{NAME}\\.component)(?:/.*)?")
 MAKERS_FILES = re.compile(f"{products.SUPPORT}(?:|/installed-products\\.json|/\\.installed-products\\.json\\.new\\..*"
                           "|/TamarindPelican(?:Maintenance|Updater)|/\\.TamarindPelican.*\\.new\\..*|/Maintenance(?:/.*)?)")
 WAYS = {"Library", "Library/Application Support", "Library/Audio", "Library/Audio/Plug-Ins",
@@ -208,7 +208,7 @@ def ending_faults(words, outcome):
     lines = []
     stderr = outcome.stderr.decode("latin-1")
     if outcome.status == 0:
-        expected = {"begin-install": b"install-[0-9a-f]{64}\n", "inspect": b'{"status":"[a-z-]+"}\n'}.get(words[0], b"")
+        expected = {"begin-install": b"[a-z0-9-]{1,128}\n", "inspect": b'{"status":"[a-z-]+"}\n'}.get(words[0], b"")
         if stderr or not re.fullmatch(expected, outcome.stdout):
             lines.append(f"success with other output: {outcome.says()}")
     elif outcome.status not in (65, 66, 70):

@@ -20,7 +20,8 @@ DESCRIPTOR = re.compile(
     "targetScope=.*\ndecision=.*\n(?:product=.*\n)+(?:target=.*\n)+")
 RECORD = re.compile(f"product={ID}\nversion=[0-9.]+\n")
 ENTRY = f'{{"productId":"{ID}","scope":"(?:user|system)","version":"[0-9.]+"}}'
-INDEX = re.compile(f'{{"products":\\[{ENTRY}(?:,{ENTRY})*\\],"schema":"tamarind\\.pelican\\.installed-products\\.v1"}}\n')
+INDEX = re.compile(f'{{"products":\\[{ENTRY}(?:,{ENTRY})*\\],'
+                   '"schema":"tamarind\\.pelican\\.installed-products\\.v1"}\n')
 IDENTITY = re.compile("pkgutil=.*\nversion=.*\n(?:file=.*\n)+")
 MANIFEST = re.compile(f"(?:Library/[^\t\n]+\t{HEX}\t[0-9]+\n|receipt\t[a-z0-9.-]+\t[0-9.]+\t[0-9]+\n)*")
 ABSENT = re.compile("absent\n")

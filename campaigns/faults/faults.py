@@ -42,7 +42,7 @@ def serve(build):
     for line in sys.stdin:
         try:
             answer = answer_to(json.loads(line))
-        except scenarios.Broken as broken:
+        except (scenarios.Broken, RuntimeError) as broken:
             answer = {"broken": str(broken)}
         print(json.dumps(answer), flush=True)
 

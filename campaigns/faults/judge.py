@@ -12,7 +12,7 @@ FORWARD = b"pkgutil receipt registration changed; rollback cannot restore packag
 # These two come with status 66, whatever keeps the inbox or the descriptor from being reached.
 NOT_LOCATED = (b"maintenance descriptor directory is missing or unsafe\n",
                b"maintenance descriptor is missing or unsafe\n")
-# After this there is nothing left that the process may do, so it does not close anything either.
+# After this there is nothing left that the process may do, so it ends as if it were killed.
 AT_ONCE = (b"cannot take back the process's own power\n",)
 _PRINTED_ID = re.compile(rb"install-[0-9a-f]{64}\n")
 
@@ -166,11 +166,11 @@ class Trial:
         """A run that saw one error and gave up has left no temporary file, and a prepare-move that found nothing
         to resume has left nothing at all."""
         found = scene.capture()
-        if not any(name == "unlinkat" for _, _, name, _ in outcome.hits):
+        if outcome.stderr not in AT_ONCE and not any(name == "unlinkat" for _, _, name, _ in outcome.hits):
             for path in found:
                 if wholeness.is_temporary(path) and path not in self._made.start:
                     self._fault("left by a run that gave up: " + path)
-        if self._made.name.endswith("/prepare-move"):
+        if outcome.stderr not in AT_ONCE and self._made.name.endswith("/prepare-move"):
             self._compare("refused", _without_layout(self._made.start), _without_layout(found))
 
     # --- what is on disk ---

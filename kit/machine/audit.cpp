@@ -1,0 +1,262 @@
+#include "kit/machine/audit.h"
+
+#include "fs/fixed_directory.h"
+#include "fs/fixed_file.h"
+#include "fs/scope.h"
+#include "fs/sha256.h"
+#include "kit/report/printable.h"
+#include "kit/report/progress.h"
+#include "kit/text/words.h"
+#include "validate/identifiers.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <set>
+#include <system_error>
+#include <unistd.h>
+
+namespace maintenance::kit {
+
+namespace {
+
+constexpr std::size_t hashingChunk = 1U << 20U;
+
+/// A file that somebody says is installed.
+struct Claim {
+    /// The package that it belongs to, with its version.
+    std::string packageId;
+    std::string version;
+    bool registered = false;
+    /// What its content must be; empty when nothing says.
+    std::string sha256;
+};
+
+using Claims = std::map<std::string, Claim>;
+
+/// An audit while it goes on.
+struct Auditing {
+    std::string root;
+    Audit audit;
+    Progress* progress = nullptr;
+};
+
+Finding about(const std::string& place, std::string rule, std::string message, std::string advice)
+{
+    return {Finding::Severity::Error, place, 0, {}, std::move(rule), std::move(message), std::move(advice)};
+}
+
+std::string absolute(const Auditing& auditing, const std::string& path)
+{
+    return (std::filesystem::path(auditing.root) / path).native();
+}
+
+std::string again(const Claim& claim)
+{
+    return claim.packageId.empty() ? ""
+                                   : "install " + claim.packageId + " " + printable(claim.version) + " again";
+}
+
+void note(Auditing& auditing, const std::string& path, const Claim& claim, std::string rule,
+          std::string message)
+{
+    if (!claim.packageId.empty())
+        auditing.audit.reinstall.emplace(claim.packageId, claim.version);
+    auditing.audit.findings.push_back(
+        about(absolute(auditing, path), std::move(rule), std::move(message), again(claim)));
+}
+
+/// Hashes an installed file; nothing, with a note, when it cannot be read or changes meanwhile.
+std::optional<std::string> hashInstalled(Auditing& auditing, const std::string& path,
+                                         const struct stat& examined)
+{
+    const std::string place = absolute(auditing, path);
+    const OwnedFd file(::open(place.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat opened = {};
+    if (!file || ::fstat(file.get(), &opened) != 0 || !sameFile(opened, examined)) {
+        auditing.audit.unreadable.push_back(place);
+        return std::nullopt;
+    }
+    Sha256 hash;
+    std::vector<char> chunk(hashingChunk);
+    for (;;) {
+        const ssize_t count = ::read(file.get(), chunk.data(), chunk.size());
+        if (count < 0) {
+            auditing.audit.unreadable.push_back(place);
+            return std::nullopt;
+        }
+        if (count == 0)
+            return hash.finish();
+        hash.feed(chunk.data(), static_cast<std::size_t>(count));
+        auditing.progress->advance(static_cast<std::uint64_t>(count), path);
+    }
+}
+
+void auditContent(Auditing& auditing, const std::string& path, const Claim& claim, const struct stat& status)
+{
+    ++auditing.audit.files;
+    if (claim.sha256.empty()) {
+        ++auditing.audit.unvouched;
+        return;
+    }
+    const auto sha256 = hashInstalled(auditing, path, status);
+    if (sha256 && *sha256 != claim.sha256)
+        note(auditing, path, claim,
+             "the file was changed: SHA-256 " + *sha256 + " instead of " + claim.sha256,
+             "native package receipt inventory is not exact");
+}
+
+void auditFile(Auditing& auditing, const std::string& path, const Claim& claim)
+{
+    struct stat status = {};
+    if (::lstat(absolute(auditing, path).c_str(), &status) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR)
+            note(auditing, path, claim, "the file is missing", "pkgutil receipt-owned file is missing");
+        else
+            auditing.audit.unreadable.push_back(absolute(auditing, path));
+        return;
+    }
+    if (!S_ISREG(status.st_mode) || status.st_nlink != 1) {
+        note(auditing, path, claim,
+             S_ISREG(status.st_mode) ? "the file has several names (hard links)"
+                                     : "a link or something else than a file "
+                                       "stands in the file's place",
+             "pkgutil receipt inventory contains a link or foreign file");
+        return;
+    }
+    if (!claim.registered)
+        note(auditing, path, claim, "the file is there, but no package is registered with it",
+             "native package receipt inventory is not exact");
+    auditContent(auditing, path, claim, status);
+}
+
+/// Tells whether a registered path is, or was, a directory.
+bool isDirectory(const Auditing& auditing, const RegisteredPackage& package, const std::string& path)
+{
+    struct stat status = {};
+    if (::lstat(absolute(auditing, path).c_str(), &status) == 0)
+        return S_ISDIR(status.st_mode);
+    return std::any_of(package.paths.begin(), package.paths.end(),
+                       [&](const std::string& other) { return other.starts_with(path + "/"); });
+}
+
+void claimRegistered(Auditing& auditing, const Registrations& registrations, Claims& claims)
+{
+    for (const auto& [packageId, package] : registrations.packages) {
+        ++auditing.audit.packages;
+        for (const std::string& path : package.paths) {
+            if (path == "." || isDirectory(auditing, package, path))
+                continue;
+            const Claim claim{packageId, package.version, true, {}};
+            const PathRefusal refusal = refusalOfOwnedPath(path);
+            if (!refusal.message.empty())
+                note(auditing, path, claim, "the package lists a file that it may not own: " + refusal.rule,
+                     refusal.message);
+            else
+                claims.emplace(path, claim);
+        }
+    }
+}
+
+/// Adds what the reference says: digests for registered files, and files that should be registered and are
+/// not.
+void claimListed(const Registrations& registrations, const Reference& reference, Claims& claims,
+                 Auditing& auditing)
+{
+    for (const auto& [path, listed] : reference.files) {
+        Claim& claim = claims.emplace(path, Claim{listed.packageId, listed.version, false, {}}).first->second;
+        claim.sha256 = listed.sha256;
+    }
+    for (auto& [path, claim] : claims)
+        if (claim.registered && reference.packages.contains(claim.packageId) &&
+            !reference.files.contains(path))
+            note(auditing, path, claim, "the package is registered with a file that is not listed for it",
+                 "native package receipt inventory is not exact");
+    for (const auto& [path, listed] : reference.files) {
+        const auto package = registrations.packages.find(listed.packageId);
+        if (package != registrations.packages.end() && package->second.version != listed.version &&
+            auditing.audit.reinstall.emplace(listed.packageId, listed.version).second)
+            auditing.audit.findings.push_back(
+                about(listed.packageId,
+                      "the package is registered at version " + printable(package->second.version) +
+                          ", listed at version " + printable(listed.version),
+                      "exact native package receipt is missing or has the wrong version",
+                      "install " + listed.packageId + " " + printable(listed.version) + " again"));
+    }
+}
+
+/// The descriptors that completed transactions of a scope were bound to.
+std::vector<const Descriptor*> completedDescriptors(const std::map<std::string, ScopeView>& views,
+                                                    const std::string& scope)
+{
+    std::vector<const Descriptor*> descriptors;
+    for (const auto& [id, file] : views.at(scope).inbox)
+        for (const auto& [authority, view] : views) {
+            const auto record = view.completed.find(id);
+            if (record != view.completed.end() && record->second.state && file.descriptor &&
+                record->second.state->descriptorSha256 == file.descriptor->fileSha256)
+                descriptors.push_back(&*file.descriptor);
+        }
+    return descriptors;
+}
+
+std::uint64_t sizeOf(const std::string& path)
+{
+    std::error_code failure;
+    const std::uintmax_t size = std::filesystem::file_size(path, failure);
+    return failure ? 0 : size;
+}
+
+} // namespace
+
+Reference completedReference(const std::map<std::string, ScopeView>& views, const std::string& scope,
+                             const Registrations& registrations)
+{
+    Reference reference;
+    std::set<std::string> disputed;
+    for (const Descriptor* descriptor : completedDescriptors(views, scope)) {
+        bool used = false;
+        for (const auto& [path, listed] : listedFiles(*descriptor)) {
+            const auto package = registrations.packages.find(listed.packageId);
+            if (package == registrations.packages.end() || package->second.version != listed.version)
+                continue;
+            used = true;
+            reference.packages.insert(listed.packageId);
+            const auto [known, isNew] = reference.files.emplace(path, listed);
+            if (!isNew && known->second.sha256 != listed.sha256)
+                disputed.insert(path);
+        }
+        if (used)
+            reference.origins.push_back(descriptor->id);
+    }
+    for (const std::string& path : disputed) {
+        reference.files.find(path)->second.sha256.clear();
+        reference.findings.push_back(
+            asWarning(about(path, "the descriptors of two completed transactions list different contents", {},
+                            "name the right one with --against")));
+    }
+    return reference;
+}
+
+Audit auditScope(const std::string& scope, const Registrations& registrations, const Reference& reference,
+                 bool showProgress)
+{
+    Auditing auditing{scopeRoot(scope), {}, nullptr};
+    auditing.audit.findings = registrations.findings;
+    for (const Finding& finding : reference.findings)
+        auditing.audit.findings.push_back(finding);
+    Claims claims;
+    claimRegistered(auditing, registrations, claims);
+    claimListed(registrations, reference, claims, auditing);
+    std::uint64_t total = 0;
+    for (const auto& [path, claim] : claims)
+        total += sizeOf(absolute(auditing, path));
+    Progress progress(showProgress, "auditing", total);
+    auditing.progress = &progress;
+    for (const auto& [path, claim] : claims)
+        auditFile(auditing, path, claim);
+    return std::move(auditing.audit);
+}
+
+} // namespace maintenance::kit
