@@ -1,4 +1,4 @@
-# Settings and warnings as interface targets; every target of ours links maintenance_settings.
+# Settings and warnings as interface targets; the product, its kit and its tests link maintenance_settings.
 if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
     set(CMAKE_BUILD_TYPE Release)
 endif()
@@ -28,9 +28,13 @@ if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
         -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
 endif()
 
+# What stands around the product; a sanitizer's own system calls would get into the way of what is traced there.
+add_library(maintenance_plain_settings INTERFACE)
+target_compile_features(maintenance_plain_settings INTERFACE cxx_std_20)
+target_link_libraries(maintenance_plain_settings INTERFACE maintenance_warnings maintenance_hardening)
+
 add_library(maintenance_settings INTERFACE)
-target_compile_features(maintenance_settings INTERFACE cxx_std_20)
-target_link_libraries(maintenance_settings INTERFACE maintenance_warnings maintenance_hardening)
+target_link_libraries(maintenance_settings INTERFACE maintenance_plain_settings)
 if(MAINTENANCE_SANITIZE)
     target_compile_options(maintenance_settings INTERFACE
         -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)

@@ -3,6 +3,7 @@
 import contextlib
 import os
 import shutil
+import signal
 import subprocess
 from dataclasses import dataclass
 
@@ -13,7 +14,10 @@ STEPPER = TOOLS + "/stepper"
 PLAN = TOOLS + "/transaction-plan.tpmp"
 PKGUTIL_RULES = "/etc/pkgutil-stand-in.conf"
 PKGUTIL_LOG = "/var/log/pkgutil-stand-in.log"
-PATIENCE = 20  # seconds; a run that takes longer hangs
+# A run hangs when it has used so many seconds of a processor, or has not moved at all for so many seconds. How long
+# it takes on a busy machine says nothing.
+MOST_WORK, LONGEST_STANDSTILL = 20, 15
+LONGEST_STEPPED = 300   # seconds; for a run that is stopped at its calls
 ENVIRONMENT = {"PATH": "/usr/bin:/bin:/usr/sbin:/sbin", "LANG": "C"}
 ACCOUNT, STAFF = 501, 20
 
@@ -54,12 +58,38 @@ def place_plan(text):
 
 def run(words):
     """Runs one command as root, undisturbed by this process."""
-    try:
-        done = subprocess.run([TOOL, *words], stdin=subprocess.DEVNULL, capture_output=True, env=ENVIRONMENT, cwd="/",
-                              check=False, timeout=PATIENCE)
-    except subprocess.TimeoutExpired as late:
-        return Outcome("hung", 0, late.stdout or b"", late.stderr or b"")
-    return Outcome("signal" if done.returncode < 0 else "exit", abs(done.returncode), done.stdout, done.stderr)
+    with subprocess.Popen([TOOL, *words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                          env=ENVIRONMENT, cwd="/", start_new_session=True) as process:
+        before = None
+        while True:
+            try:
+                stdout, stderr = process.communicate(timeout=LONGEST_STANDSTILL)
+                return Outcome("signal" if process.returncode < 0 else "exit", abs(process.returncode), stdout, stderr)
+            except subprocess.TimeoutExpired:
+                work, now = _progress(process.pid)
+                if work > MOST_WORK or now == before:
+                    os.killpg(process.pid, signal.SIGKILL)
+                    stdout, stderr = process.communicate()
+                    return Outcome("hung", 0, stdout, stderr)
+                before = now
+
+
+def _progress(session):
+    """Returns how many seconds of a processor the processes of a session have used, and all that tells whether any
+    of them has moved."""
+    ticks, moved = 0, []
+    for name in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open(f"/proc/{name}/stat", encoding="utf-8", errors="replace") as file:
+                fields = file.read().rpartition(")")[2].split()
+            if int(fields[3]) != session:
+                continue
+            with open(f"/proc/{name}/status", encoding="utf-8", errors="replace") as file:
+                moved += [name] + [line for line in file if "ctxt_switches" in line]
+        except OSError:
+            continue
+        ticks += sum(int(field) for field in fields[11:15])
+    return ticks / os.sysconf("SC_CLK_TCK"), moved
 
 
 def set_pkgutil_rule(text):

@@ -43,7 +43,7 @@ class Stepper:
             os.dup2(13, 3)
             os.dup2(14, 4)
 
-        command = [runs.STEPPER, str(at), str(until), str(runs.PATIENCE), runs.TOOL, *words]
+        command = [runs.STEPPER, str(at), str(until), str(runs.LONGEST_STEPPED), runs.TOOL, *words]
         self._process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                          stderr=subprocess.PIPE, env=runs.ENVIRONMENT, cwd="/", preexec_fn=place,
                                          pass_fds=(3, 4))

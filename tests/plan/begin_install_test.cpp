@@ -199,6 +199,19 @@ TEST(BeginInstall, CreatesDirectoriesOfMode0755UnderAnOpenUmask)
     }
 }
 
+TEST(BeginInstall, UnderAUmaskThatTakesEverythingLeavesAScopeThatLaterRunsAccept)
+{
+    for (const std::string& scope : bothScopes) {
+        Installer installer(scope, alphaPlan());
+        installer.surroundings.umask = 0777;
+        const std::string id = identifierIn(installer.begin());
+        EXPECT_EQ(describe(descriptorOf(scope, id)), metadataFileOf(scope));
+        EXPECT_EQ(describe(inboxOf(scope)), "dir " + std::to_string(ownerOf(scope)) + " 0700");
+        installer.surroundings.umask = 022;
+        expectUnchanged(installer, succeeded(id + "\n"));
+    }
+}
+
 TEST(BeginInstall, WorksForTheAccountItselfInItsOwnScope)
 {
     const Installer installer("user", alphaPlan(), playerUid);

@@ -108,6 +108,15 @@ std::vector<std::string> environment()
     ::_exit(127);
 }
 
+/// A sanitized program tells what its sanitizer misses, such as /proc, in lines of its own.
+void removeSanitizerNotes(std::string& text)
+{
+    for (std::size_t note = 0; (note = text.find("==WARNING: ")) != std::string::npos;) {
+        const std::size_t start = text.rfind('\n', note) + 1;
+        text.erase(start, text.find('\n', note) + 1 - start);
+    }
+}
+
 /// Reads both pipes to their ends; false when that took too long.
 bool collect(int out, int err, Outcome& outcome)
 {
@@ -156,6 +165,7 @@ Outcome runProgram(const std::filesystem::path& program, const std::vector<std::
     check(::waitpid(child, &status, 0) == child, "waitpid");
     ::close(out.readEnd);
     ::close(err.readEnd);
+    removeSanitizerNotes(outcome.err);
     outcome.status = WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
     if (!ended)
         outcome.status = timedOut;

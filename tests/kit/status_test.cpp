@@ -1,0 +1,397 @@
+#include "kit.h"
+
+namespace maintenance::rehearsed {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+const Plugin alpha = plugin("alpha", "1.0");
+
+/// What `status` says of one transaction; null when it does not know it.
+Json transactionIn(const Json& answer, const std::string& id)
+{
+    for (const auto& transaction : answer.at("transactions"))
+        if (transaction.at("id") == id)
+            return transaction;
+    return nullptr;
+}
+
+Json scopeIn(const Json& answer, const std::string& scope)
+{
+    for (const auto& one : answer.at("scopes"))
+        if (one.at("scope") == scope)
+            return one;
+    return nullptr;
+}
+
+std::string stateOf(const std::string& id, const Surroundings& surroundings = {})
+{
+    const Json transaction = transactionIn(kitJson({"status"}, surroundings), id);
+    return transaction.is_null() ? "unknown" : transaction.at("state").get<std::string>();
+}
+
+/// The commands of the first way out with this effect.
+std::vector<std::string> commandsTo(const std::string& effect, const std::string& id,
+                                    const Surroundings& surroundings = {})
+{
+    const Json answer = kitJson({"status"}, surroundings);
+    for (const auto& way : transactionIn(answer, id).at("waysOut"))
+        if (way.at("effect") == effect)
+            return way.at("commands");
+    return {};
+}
+
+/// Runs commands exactly as they were told.
+void follow(const std::vector<std::string>& commands)
+{
+    ASSERT_FALSE(commands.empty());
+    for (const std::string& command : commands)
+        EXPECT_EQ(inShell(command), succeeded()) << command;
+}
+
+/// The tool in its place, and a product in the home that is to be moved to the system scope.
+void makeMove()
+{
+    placeTool("system", planText({alpha}));
+    install("user", commonPackage());
+    install("user", alpha);
+    publish(Work("system").from("user").brings(alpha, "1.0"), "move-1");
+}
+
+void prepareMove()
+{
+    makeMove();
+    ASSERT_EQ(run({"prepare-move", "system", "move-1"}), succeeded());
+}
+
+void installInSystem()
+{
+    install("system", commonPackage());
+    install("system", alpha);
+}
+
+TEST(KitStatus, OfAFreshMachineHasNothingOpenAndChangesNothing)
+{
+    const Tree before = takeExactTree();
+    const Outcome outcome = kit({"status"});
+    EXPECT_EQ(outcome.status, 0) << outcome;
+    EXPECT_TRUE(outcome.out.ends_with("nothing is open\n")) << outcome;
+    EXPECT_EQ(difference(before, takeExactTree()), "");
+    const Json answer = kitJson({"status"});
+    EXPECT_EQ(answer.at("attention"), false);
+    EXPECT_EQ(answer.at("complete"), true);
+    EXPECT_EQ(answer.at("scopes").size(), 2U);
+    EXPECT_EQ(kitJson({"status", "user"}).at("scopes").size(), 1U);
+}
+
+TEST(KitStatus, NamesTheProductsAndTheSharedPackageOfEachScope)
+{
+    install("user", commonPackage("12"));
+    install("user", alpha);
+    const Json answer = kitJson({"status"});
+    EXPECT_EQ(scopeIn(answer, "user").at("products").dump(), R"([{"id":"alpha","version":"1.0"}])");
+    EXPECT_EQ(scopeIn(answer, "user").at("sharedPackage"), "12");
+    EXPECT_EQ(scopeIn(answer, "system").at("products").dump(), "[]");
+}
+
+TEST(KitStatus, OfAPreparedMoveNamesTheCommandThatUndoesIt)
+{
+    prepareMove();
+    EXPECT_EQ(stateOf("move-1"), "prepared");
+    EXPECT_EQ(kit({"status"}).status, 65);
+    const Json answer = kitJson({"status"});
+    EXPECT_EQ(scopeIn(answer, "user").at("lease"), "move-1");
+    EXPECT_EQ(scopeIn(answer, "system").at("lease"), "move-1");
+    EXPECT_EQ(transactionIn(answer, "move-1").at("products").dump(), R"(["alpha 1.0"])");
+    follow(commandsTo("undo", "move-1"));
+    EXPECT_EQ(stateOf("move-1"), "completed");
+}
+
+TEST(KitStatus, OfAnInstalledMoveNamesTheCommandThatFinishesItAndNoOther)
+{
+    prepareMove();
+    installInSystem();
+    EXPECT_EQ(commandsTo("undo", "move-1"), std::vector<std::string>());
+    follow(commandsTo("finish", "move-1"));
+    EXPECT_EQ(stateOf("move-1"), "completed");
+    EXPECT_EQ(kit({"status"}).status, 0) << kit({"status"});
+}
+
+TEST(KitStatus, OfAHalfInstalledMoveSaysThatItMustBeFinishedFirst)
+{
+    prepareMove();
+    install("system", commonPackage());
+    EXPECT_EQ(commandsTo("undo", "move-1"), std::vector<std::string>());
+    EXPECT_TRUE(holds(kit({"status"}).out, "the installation must be finished before"));
+    ASSERT_EQ(inShell(commandsTo("finish", "move-1").at(0)).status, 65);
+    install("system", alpha);
+    follow(commandsTo("finish", "move-1"));
+}
+
+TEST(KitStatus, OfMissingLeasesNamesTheCommandsThatLeadOut)
+{
+    for (const std::string scope : {"user", "system"}) {
+        prepareMove();
+        removeAll(leaseOf(scope));
+        EXPECT_EQ(stateOf("move-1"), "prepared, leases incomplete");
+        const auto commands = commandsTo("undo", "move-1");
+        EXPECT_EQ(commands.size(), 2U);
+        follow(commands);
+        EXPECT_EQ(stateOf("move-1"), "completed");
+        removeAll(maintenanceOf("user"));
+        removeAll(maintenanceOf("system"));
+    }
+}
+
+TEST(KitStatus, OfAnAbandonedTransactionNamesTheCommandsThatEndIt)
+{
+    prepareMove();
+    ASSERT_EQ(run({"commit-move", "system", "move-1"}).status, 65);
+    EXPECT_EQ(stateOf("move-1"), "abandoned");
+    follow(commandsTo("undo", "move-1"));
+    EXPECT_EQ(stateOf("move-1"), "completed");
+}
+
+TEST(KitStatus, OfAnInterruptedPreparationNamesTheCommandsThatLeadOut)
+{
+    makeMove();
+    makeDirectories(transactionOf("system", "move-1") / "target", {rootUid, 0700});
+    EXPECT_EQ(stateOf("move-1"), "creating");
+    follow(commandsTo("finish", "move-1"));
+    EXPECT_EQ(stateOf("move-1"), "prepared");
+    follow(commandsTo("undo", "move-1"));
+}
+
+TEST(KitStatus, OfAPendingCleanUpNamesTheCommandThatDoesIt)
+{
+    prepareMove();
+    writeFile(completedOf("system", "move-1"), readFile(leaseOf("system")), {rootUid, 0600});
+    EXPECT_EQ(stateOf("move-1"), "completed, clean-up pending");
+    follow(commandsTo("finish", "move-1"));
+    EXPECT_EQ(stateOf("move-1"), "completed");
+    EXPECT_EQ(kit({"status"}).status, 65) << "the books of an installation by hand are not written";
+}
+
+TEST(KitStatus, OfABegunInstallationNamesItsAttemptAndTheCommandsThatEndIt)
+{
+    Surroundings placed;
+    placed.tool = placeTool("system", planText({alpha}));
+    const Outcome begun = run({"begin-install", "system"}, placed);
+    ASSERT_EQ(begun.status, 0) << begun;
+    const std::string id = begun.out.substr(0, begun.out.size() - 1);
+    const Json answer = kitJson({"status"});
+    EXPECT_EQ(scopeIn(answer, "system").at("pending").at("transaction"), id);
+    EXPECT_EQ(transactionIn(answer, id).at("state"), "absent");
+    EXPECT_EQ(transactionIn(answer, id).at("open"), true);
+    follow(commandsTo("undo", id));
+    EXPECT_EQ(stateOf(id), "completed");
+    EXPECT_FALSE(isThere(pendingOf("system")));
+    EXPECT_EQ(kit({"status"}).status, 0);
+}
+
+TEST(KitStatus, OfADescriptorThatNobodyBeganIsAbsentAndNotOpen)
+{
+    makeMove();
+    const Json transaction = transactionIn(kitJson({"status"}), "move-1");
+    EXPECT_EQ(transaction.at("state"), "absent");
+    EXPECT_EQ(transaction.at("open"), false);
+    EXPECT_EQ(transaction.at("waysOut").size(), 0U);
+}
+
+TEST(KitStatus, OfAnUninstallationThatWasInterruptedNamesTheCommandThatFinishesIt)
+{
+    placeTool("system", planText({alpha}));
+    installInSystem();
+    publish(Work("system").brings(alpha, "1.0"), "gone-1");
+    instructPkgutil("command=--forget do kill=KILL");
+    ASSERT_EQ(run({"uninstall-product", "system", "gone-1"}).status, 65);
+    instructPkgutil("");
+    EXPECT_EQ(stateOf("gone-1"), "prepared");
+    follow(commandsTo("finish", "gone-1"));
+    EXPECT_EQ(stateOf("gone-1"), "completed");
+    EXPECT_FALSE(isRegistered("system", alpha.vst3.id));
+}
+
+TEST(KitStatus, WhileARunGoesOnSaysSoAndOffersNothing)
+{
+    prepareMove();
+    writeFile(lockOf("system"), "", {rootUid, 0600});
+    const HeldLock lock("system");
+    writeFile(maintenanceOf("system") / ".ActiveTransaction.new.77", "", {rootUid, 0600});
+    const Json answer = kitJson({"status"});
+    EXPECT_TRUE(scopeIn(answer, "system").contains("runningProcess"));
+    EXPECT_EQ(scopeIn(answer, "system").at("leftovers").size(), 0U);
+    EXPECT_EQ(transactionIn(answer, "move-1").at("state"), "in progress");
+    EXPECT_EQ(transactionIn(answer, "move-1").at("waysOut").size(), 0U);
+}
+
+TEST(KitStatus, OffersNothingWhereFilesContradictEachOther)
+{
+    prepareMove();
+    const std::string lease = readFile(leaseOf("user"));
+    writeFile(leaseOf("user"),
+              lease.substr(0, lease.find("generation=")) + "generation=" + generationOf('b') +
+                  lease.substr(lease.find("\ndescriptorSha256")),
+              {playerUid, 0600});
+    EXPECT_EQ(stateOf("move-1"), "contradictory");
+    EXPECT_EQ(transactionIn(kitJson({"status"}), "move-1").at("waysOut").size(), 0U);
+    writeFile(leaseOf("user"), lease, {playerUid, 0600});
+    EXPECT_EQ(stateOf("move-1"), "prepared");
+    removeAll(transactionOf("system", "move-1"));
+    EXPECT_EQ(stateOf("move-1"), "contradictory");
+}
+
+TEST(KitStatus, SaysWhenTheDescriptorOfATransactionIsGoneOrAnother)
+{
+    prepareMove();
+    const std::string text = readFile(descriptorOf("system", "move-1"));
+    removeAll(descriptorOf("system", "move-1"));
+    EXPECT_TRUE(holds(kit({"status"}).out, "its descriptor is not in the inbox"));
+    publishText("system", Work("system").from("user").brings(alpha, "-").text(), "move-1");
+    EXPECT_TRUE(holds(kit({"status"}).out,
+                      "its descriptor was exchanged since (SHA-256 of the right one: " + systemSha256(text)));
+}
+
+TEST(KitStatus, FindsWhatKilledRunsLeft)
+{
+    makeLayout("system");
+    const std::vector<std::filesystem::path> leftovers = {
+        maintenanceOf("system") / ".PendingInstall.new.4711",
+        maintenanceOf("system") / "Inbox/.a.tpmt.new.12",
+        supportOf("system") / ".installed-products.json.new.5", maintenanceOf("system") / "Products/strange"};
+    for (const auto& path : leftovers)
+        writeFile(path, "", {rootUid, 0600});
+    writeFile(supportOf("system") / ".hidden", "not the tool's business");
+    const Json answer = kitJson({"status"});
+    EXPECT_EQ(scopeIn(answer, "system").at("leftovers").size(), leftovers.size());
+    for (const auto& path : leftovers)
+        EXPECT_TRUE(holds(answer.dump(), path.native())) << path;
+    EXPECT_EQ(kit({"status"}).status, 65);
+}
+
+TEST(KitStatus, FindsUnsafeOwnersModesAndLinksAndTellsTheCommandThatMendsThem)
+{
+    makeLayout("system");
+    makeLayout("user");
+    setMode(maintenanceOf("system"), 0775);
+    setOwner(inboxOf("user"), rootUid);
+    publishText("system", Work("system").brings(alpha).text(), "a");
+    setMode(descriptorOf("system", "a"), 0666);
+    removeAll(maintenanceOf("user") / "Products");
+    makeLink(maintenanceOf("user") / "Products", "/etc");
+    const Json answer = kitJson({"status"});
+    std::vector<std::string> places;
+    for (const std::string scope : {"user", "system"}) {
+        const Json view = scopeIn(answer, scope);
+        for (const auto& finding : view.at("findings"))
+            places.push_back(finding.at("place"));
+    }
+    EXPECT_EQ(places, (std::vector<std::string>{inboxOf("user"), maintenanceOf("user") / "Products",
+                                                maintenanceOf("system"), descriptorOf("system", "a")}));
+    const Json view = scopeIn(answer, "system");
+    EXPECT_EQ(inShell(view.at("findings")[0].at("advice")), succeeded());
+    EXPECT_EQ(inShell(view.at("findings")[1].at("advice")), succeeded());
+    EXPECT_EQ(scopeIn(kitJson({"status"}), "system").at("findings").size(), 0U);
+}
+
+TEST(KitStatus, FindsBooksThatAreNotWhatIsRegistered)
+{
+    installInSystem();
+    makeLayout("system");
+    const Json answer = kitJson({"status", "system"});
+    EXPECT_EQ(scopeIn(answer, "system").at("findings").size(), 2U) << answer.dump(1);
+    EXPECT_TRUE(holds(answer.dump(), "installed-products.json does not list what is registered"));
+}
+
+TEST(KitStatus, FindsProductsThatAreNotWhole)
+{
+    installInSystem();
+    unregister("system", alpha.au.id);
+    const Json answer = kitJson({"status", "system"});
+    EXPECT_TRUE(holds(answer.dump(), "product native receipts are incomplete or inconsistent"));
+    EXPECT_TRUE(holds(answer.dump(), "its Audio Unit package is missing"));
+    EXPECT_EQ(scopeIn(answer, "system").at("products").size(), 0U);
+}
+
+TEST(KitStatus, GoesOnWhereTheToolsInventoryRefuses)
+{
+    installInSystem();
+    const auto path = rootOf("system") / vst3Path("alpha");
+    removeAll(path);
+    makeLink(path, "/etc/passwd");
+    const Json answer = kitJson({"status", "system"});
+    EXPECT_TRUE(holds(answer.dump(), "pkgutil receipt inventory contains a link or foreign file"));
+    EXPECT_EQ(scopeIn(answer, "system").at("products").dump(), R"([{"id":"alpha","version":"1.0"}])");
+}
+
+TEST(KitStatus, GoesOnWithoutAPackageDatabase)
+{
+    makeLayout("system");
+    removeAll("/usr/sbin/pkgutil");
+    const Json answer = kitJson({"status"});
+    EXPECT_EQ(answer.at("complete"), false);
+    EXPECT_TRUE(holds(answer.dump(), "fixed /usr/sbin/pkgutil is unavailable"));
+}
+
+TEST(KitStatus, GoesOnWithoutAConsoleAccount)
+{
+    installInSystem();
+    setNobodyAtConsole();
+    const Json answer = kitJson({"status"});
+    EXPECT_TRUE(holds(answer.dump(), "cannot resolve the invoking console account"));
+    EXPECT_EQ(scopeIn(answer, "system").at("products").size(), 1U);
+}
+
+TEST(KitStatus, OfAnAccountSaysWhatItMayNotReadAndGoesOn)
+{
+    prepareMove();
+    const Outcome outcome = kit({"status"}, asPlayer());
+    EXPECT_EQ(outcome.status, 65) << outcome;
+    EXPECT_TRUE(holds(outcome.out, "may not be read by this account: " + leaseOf("system").native()))
+        << outcome;
+    EXPECT_TRUE(holds(outcome.out, "move-1: unreadable, from user to system")) << outcome;
+    const Json answer = kitJson({"status"}, asPlayer());
+    EXPECT_EQ(scopeIn(answer, "user").at("products").size(), 1U);
+    EXPECT_EQ(answer.at("complete"), false);
+}
+
+TEST(KitStatus, OfAnAccountEndsWith77WhenNothingIsWrongButNotEverythingCouldBeRead)
+{
+    publish(Work("system").brings(alpha), "a");
+    const Outcome outcome = kit({"status"}, asPlayer());
+    EXPECT_EQ(outcome.status, 77) << outcome;
+    EXPECT_TRUE(outcome.out.ends_with("nothing is open, as far as this account may read\n")) << outcome;
+}
+
+TEST(KitStatus, OfTheAccountsOwnScopeNamesCommandsThatItCanRun)
+{
+    placeTool("user", planText({alpha}), playerUid);
+    publish(Work("user").brings(alpha), "install-1");
+    ASSERT_EQ(run({"prepare-move", "user", "install-1"}, asPlayer()), succeeded());
+    const auto commands = commandsTo("undo", "install-1", asPlayer());
+    ASSERT_EQ(commands.size(), 1U);
+    EXPECT_EQ(runCommand({"/bin/sh", "-c", commands[0]}, asPlayer()), succeeded());
+    EXPECT_TRUE(isThere(completedOf("user", "install-1")));
+    EXPECT_EQ(stateOf("install-1", asPlayer()), "completed");
+}
+
+TEST(KitStatus, OfAnAccountsScopeTellsRootToTakeItsPlace)
+{
+    placeTool("user", planText({alpha}), playerUid);
+    publish(Work("user").brings(alpha), "install-1");
+    ASSERT_EQ(run({"prepare-move", "user", "install-1"}, asPlayer()), succeeded());
+    const auto commands = commandsTo("undo", "install-1");
+    ASSERT_EQ(commands.size(), 1U);
+    EXPECT_TRUE(commands[0].starts_with("sudo -u '#501' '/Users/player/Library/Application Support/"))
+        << commands[0];
+}
+
+TEST(KitStatus, IsTheSameTwice)
+{
+    prepareMove();
+    EXPECT_EQ(kit({"status"}), kit({"status"}));
+    EXPECT_EQ(kit({"status", "--json"}), kit({"status", "--json"}));
+}
+
+} // namespace
+} // namespace maintenance::rehearsed
