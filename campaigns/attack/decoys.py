@@ -6,6 +6,7 @@ ones. Secrets consist of bytes that occur nowhere else in what the campaign sear
 
 import os
 import random
+import re
 import shutil
 import socket
 import stat
@@ -31,7 +32,7 @@ LINKS = ("link-vault", "link-twin", "link-other", "link-nowhere", "link-etc")
 FILE_KINDS = LINKS + ("hard-vault", "hard-twin", "hard-own", "pipe", "socket", "directory", "copy", "other-bytes",
                       "longer", "empty", "root-secret", "root-twin", "other-secret", "away")
 DIRECTORY_KINDS = LINKS + ("pipe", "socket", "file", "directory", "copy", "wide", "root-twin", "root-closed",
-                           "carrier", "other-twin", "away")
+                           "root-group", "root-open", "carrier", "other-twin", "away")
 # Nothing is exchanged: what stands in the place is itself disturbed.
 DEEDS = ("do-append", "do-overwrite", "do-shorten", "do-lengthen", "do-link", "do-open-mode", "do-close-mode")
 
@@ -45,11 +46,22 @@ def kinds_for(mode):
     return FILE_KINDS + DEEDS
 
 
-def secret(size):
-    """Secret bytes, as many as given and a few at least."""
-    word = bytes(random.choices(SECRET_BYTES, k=16))
+_origins = {}   # of secrets, by their first bytes
+WORD = 16
+
+
+def secret(size, origin="a neighbour"):
+    """Secret bytes, as many as given and a few at least; `origin` says in a report where they were."""
+    word = bytes(random.choices(SECRET_BYTES, k=WORD))
+    _origins[word] = origin
     size = max(size, LEAST_SECRET)
     return (word * (size // len(word) + 1))[:size]
+
+
+def origin_of(content):
+    """Where the secret bytes in `content` come from."""
+    found = re.search(b"[\xf5-\xff]{%d}" % WORD, content)
+    return _origins.get(found[0], "somewhere") if found else "somewhere"
 
 
 def mode_of(path):
@@ -97,7 +109,7 @@ def copy_tree(source, target, owner, modes, secrets):
         make_directory(target, owner, modes[0])
         return
     if stat.S_ISREG(mode):
-        make_file(target, secret(_size_of(source)) if secrets else _bytes_of(source), owner, modes[1])
+        make_file(target, secret(_size_of(source), target) if secrets else _bytes_of(source), owner, modes[1])
         return
     make_directory(target, owner, modes[0])
     for name in sorted(os.listdir(source)):
@@ -141,7 +153,7 @@ class Maker:
         path = self._new(where)
         mode = mode_of(place)
         if mode is None:
-            make_file(path, secret(0) if secrets else b"decoy\n", owner, modes[1])
+            make_file(path, secret(0, path) if secrets else b"decoy\n", owner, modes[1])
         else:
             copy_tree(place, path, owner, modes, secrets)
         return path
@@ -154,7 +166,7 @@ class Maker:
             return path
         where, mode = (VAULT, 0o600) if kind == "hard-vault" else (TWINS, 0o644)
         original = self._new(where)
-        make_file(original, secret(_size_of(place)) if kind == "hard-vault" else _bytes_of(place), ROOT, mode)
+        make_file(original, secret(_size_of(place), path) if kind == "hard-vault" else _bytes_of(place), ROOT, mode)
         os.link(original, path)
         self.planted.append(path)
         return path
@@ -229,6 +241,14 @@ class Maker:
         """Files that all may read in directories that only root may enter."""
         return self._beside(place, ROOT, (0o700, 0o644), True)
 
+    def _root_group(self, place):
+        """The same for root's group."""
+        return self._beside(place, ROOT, (0o770, 0o664), True)
+
+    def _root_open(self, place):
+        """Directories of root in which everybody can exchange everything."""
+        return self._beside(place, ROOT, (0o777, 0o644), False)
+
     def _other_twin(self, place):
         return self._beside(place, STRANGER, (0o755, 0o644), False)
 
@@ -236,13 +256,13 @@ class Maker:
 
     def _root_secret(self, place):
         path = self._new(YARD)
-        make_file(path, secret(_size_of(place)), ROOT, 0o600)
+        make_file(path, secret(_size_of(place), path), ROOT, 0o600)
         self.planted.append(path)
         return path
 
     def _other_secret(self, place):
         path = self._new(YARD)
-        make_file(path, secret(_size_of(place)), STRANGER, 0o600)
+        make_file(path, secret(_size_of(place), path), STRANGER, 0o600)
         self.planted.append(path)
         return path
 
@@ -253,7 +273,7 @@ class Maker:
             copy_tree(place, path, PLAYER, (0o755, 0o600), False)
         else:
             make_directory(path, PLAYER, 0o755)
-        for name, mode, content in (("inner", 0o755, b"root's\n"), ("closed", 0o700, secret(0))):
+        for name, mode, content in (("inner", 0o755, b"root's\n"), ("closed", 0o700, secret(0, path + "/closed"))):
             inner = f"{path}/{name}"
             make_directory(inner, ROOT, mode)
             make_file(inner + "/file", content, ROOT, 0o644)

@@ -2,6 +2,7 @@
 
 import functools
 import re
+import stat
 from dataclasses import dataclass
 
 from common import installation, products, scene
@@ -224,6 +225,15 @@ def half_placed(name):
     return placed(name, False)
 
 
+def _shared():
+    """Other software has left the plug-in directories to root, and writable for all."""
+    start, identifier = half_placed("upgrade")
+    start = without(start, "TP Alpha\\.(?:vst3|component)(?:/|$)")
+    for relative in ("Library/Audio/Plug-Ins/VST3", products.VST3, products.COMPONENTS):
+        start[products.in_scope("user", relative)] = scene.Entry(stat.S_IFDIR | 0o777, 0, 0, None)
+    return ["rollback-move", "user", identifier], start
+
+
 _PARTS = functools.partial
 _MAKERS = {
     "begin/clean": (_PARTS(_begin, "clean"), "clean"),
@@ -242,6 +252,7 @@ _MAKERS = {
     "commit/recorded": (_PARTS(_command, "commit-move", "clean", recorded), "clean"),
     "rollback/clean": (_PARTS(_command, "rollback-move", "clean", half_placed), "clean"),
     "rollback/upgrade": (_PARTS(_command, "rollback-move", "upgrade", half_placed), "upgrade"),
+    "rollback/shared": (_shared, "upgrade"),
     "uninstall/one": (_PARTS(_uninstall, (ALPHA, BETA)), "clean"),
     "uninstall/last": (_PARTS(_uninstall, (ALPHA,)), "clean"),
     "uninstall/resumed": (_uninstall_resumed, "clean"),

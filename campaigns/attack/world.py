@@ -107,18 +107,26 @@ class Guard:
             self._remember_planted(path)
         for path in bystanders:
             self._strict[os.lstat(path).st_ino] = (path, fingerprint(path))
+        self._owners = {}   # by inode, of everything in the home
+        _walk(HOME, lambda path: self._owners.__setitem__(os.lstat(path).st_ino, os.lstat(path).st_uid))
 
     def _remember(self, path):
         self._outside[path] = fingerprint(path)
 
-    def _remember_planted(self, path):
-        """A file of root in a directory of the account is the account's to remove; what lies in a directory of
-        root is not, and the directory itself with something in it neither."""
+    def _remember_planted(self, path, removable=True):
+        """What lies in a directory of the account, or in one that all may write to, is the account's to remove;
+        what lies in any other directory is not, and neither is a directory with such things in it. Returns whether
+        there is something that has to stay."""
         status = os.lstat(path)
-        if stat.S_ISDIR(status.st_mode) and os.listdir(path):
-            _walk(path, lambda each: self._strict.__setitem__(os.lstat(each).st_ino, (each, fingerprint(each))))
-        else:
-            self._loose[status.st_ino] = (path, fingerprint(path))
+        stays = not removable
+        known = fingerprint(path)
+        if stat.S_ISDIR(status.st_mode):
+            is_open = bool(status.st_mode & stat.S_IWOTH)
+            known = known[:4] if is_open else known
+            for name in os.listdir(path):
+                stays = self._remember_planted(path + "/" + name, is_open) or stays
+        (self._strict if stays else self._loose)[status.st_ino] = (path, known)
+        return stays
 
     @staticmethod
     def _library():
@@ -175,13 +183,14 @@ class Guard:
             seen.add(status.st_ino)
             known = self._strict.get(status.st_ino) or self._loose.get(status.st_ino)
             if known:
-                if fingerprint(path) != known[1]:
-                    lines.append(f"another's, changed in the home: {known[0]}: {known[1]}, now {fingerprint(path)}")
+                now = fingerprint(path)[:len(known[1])]
+                if now != known[1]:
+                    lines.append(f"another's, changed in the home: {known[0]}: {known[1]}, now {now}")
                 return
-            if status.st_uid != runs.ACCOUNT:
-                lines.append(f"not the account's in the home: {path}, owner {status.st_uid}")
-            if stat.S_ISREG(status.st_mode) and status.st_nlink == 1 and SECRET.search(_content_of(path)):
-                lines.append(f"secret bytes in the home: {path}")
+            if status.st_uid != self._owners.get(status.st_ino, runs.ACCOUNT):
+                lines.append(f"wrongly owned in the home: {path}, owner {status.st_uid}")
+            if stat.S_ISREG(status.st_mode) and SECRET.search(_content_of(path)):
+                lines.append(f"secret bytes of {decoys.origin_of(_content_of(path))} in the home: {path}")
 
         _walk(HOME, visit)
         for inode, (path, _) in self._strict.items():

@@ -116,8 +116,9 @@ TEST(KitAgreement, HoldsBetweenTheTwoProgramsOnMutatedPlans)
         const auto messages = kitsErrors(supportOf("system") / "transaction-plan.tpmp", status);
         EXPECT_EQ(status, tool.status) << tool << text;
         accepted += tool.status == 0 ? 1 : 0;
-        if (tool.status != 0)
+        if (tool.status != 0) {
             EXPECT_TRUE(messages.contains(tool.err.substr(0, tool.err.size() - 1))) << tool << text;
+        }
         removeAll(maintenanceOf("user"));
     }
     EXPECT_GT(accepted, 5);
@@ -136,8 +137,9 @@ TEST(KitAgreement, HoldsBetweenTheTwoProgramsOnMutatedDescriptors)
         const Outcome check = kit({"check", "--json", "--scope", scope, descriptorOf(scope, "some-id")});
         EXPECT_EQ(check.status, tool.status) << tool << text;
         accepted += tool.status == 0 ? 1 : 0;
-        if (tool.status != 0)
+        if (tool.status != 0) {
             EXPECT_TRUE(holds(check.out, tool.err.substr(0, tool.err.size() - 1))) << tool << text;
+        }
     }
     EXPECT_GT(accepted, 5);
 }
