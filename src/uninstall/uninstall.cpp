@@ -53,15 +53,6 @@ void proveInstallation(const Descriptor& descriptor)
     requireExactReceipts(descriptor, false);
 }
 
-PreparedState beginUninstallation(const Descriptor& descriptor)
-{
-    rejectActiveOrReplay(descriptor);
-    return openTransaction(descriptor, [&] {
-        snapshotScopes(descriptor);
-        proveInstallation(descriptor);
-    });
-}
-
 bool isSameContent(const PackageContent& one, const PackageContent& other)
 {
     return one.version == other.version && one.files == other.files;
@@ -81,22 +72,46 @@ bool isRecordedRegistration(const Receipt& live, const PackageContents& recorded
     return livePaths == recordedPaths;
 }
 
-/// Proves from the snapshot what proveInstallation proved live, be it in an earlier run that was interrupted.
-/// A transaction that was prepared for something else is never carried out as an uninstallation. Only a
-/// resumed one may find that packages are registered no longer.
-void proveSnapshot(const Descriptor& descriptor, const ReceiptInventory& live, bool resumed)
+PackageContents recordedPackages(const Descriptor& descriptor)
 {
+    return snapshotPackages(authoritySnapshot(descriptor, "target"));
+}
+
+/// Proves from the snapshot what proveInstallation proves live. A transaction that was prepared for something
+/// else is never carried out as an uninstallation.
+void proveSnapshot(const Descriptor& descriptor)
+{
+    const PackageContents recorded = recordedPackages(descriptor);
     const PackageContents described = packageContents(descriptor);
-    const PackageContents recorded = snapshotPackages(authoritySnapshot(descriptor, "target"));
     for (const Product& product : descriptor.products)
         requireBothPackages(described, product);
     for (const auto& [packageId, content] : described) {
         const auto package = recorded.find(packageId);
-        const bool isShared = packageId == commonPackageId;
-        if (!isShared && (package == recorded.end() || !isSameContent(package->second, content)))
+        if (packageId != commonPackageId &&
+            (package == recorded.end() || !isSameContent(package->second, content)))
             refuseMismatch();
+    }
+}
+
+PreparedState beginUninstallation(const Descriptor& descriptor)
+{
+    rejectActiveOrReplay(descriptor);
+    return openTransaction(descriptor, [&] {
+        snapshotScopes(descriptor);
+        proveInstallation(descriptor);
+        proveSnapshot(descriptor);
+    });
+}
+
+/// Requires every package that is to be removed to be registered as the snapshot recorded it. Only a resumed
+/// uninstallation may find some of them registered no longer.
+void proveRegistrations(const Descriptor& descriptor, const ReceiptInventory& live, bool resumed)
+{
+    const PackageContents recorded = recordedPackages(descriptor);
+    for (const std::string& packageId : affectedPackages(descriptor)) {
         const auto receipt = live.find(packageId);
-        if (receipt == live.end() && !isShared && !resumed)
+        const bool mayBeGone = resumed || packageId == commonPackageId;
+        if (receipt == live.end() && !mayBeGone)
             refuseMismatch();
         if (receipt != live.end() && !isRecordedRegistration(receipt->second, recorded))
             refuseMismatch();
@@ -174,7 +189,9 @@ void uninstall(const Descriptor& descriptor)
         resumed ? verifyPrepared(descriptor, transactionRoot(descriptor)) : beginUninstallation(descriptor);
 
     const ReceiptInventory live = pkgutilReceipts(scope, false);
-    proveSnapshot(descriptor, live, resumed);
+    if (resumed)
+        proveSnapshot(descriptor);
+    proveRegistrations(descriptor, live, resumed);
     PackageRemoval removal{scope, snapshotInventory(authoritySnapshot(descriptor, "target")),
                            pathsOfOthers(live, productPackages(descriptor))};
     removeProducts(descriptor, removal, live);

@@ -216,7 +216,7 @@ TEST(Snapshot, KeepsTheDescriptorsOrderNotTheOrderOfPaths)
 TEST(Snapshot, CopiesAnyContentByteForByte)
 {
     std::string every;
-    for (int i = 0; i < 256 * 1000; ++i)
+    for (unsigned i = 0; i < 256U * 1000U; ++i)
         every += static_cast<char>(i * i >> 3);
     const std::vector<std::string> contents = {"",    std::string(1, '\0'),    "no line feed",
                                                every, std::string(65536, 'a'), std::string(65537, 'b')};
