@@ -35,18 +35,10 @@ class Stepper:
     def __init__(self, words, at, until):
         report, report_end = os.pipe()
         answer_end, self._answer = os.pipe()
-
-        # The program expects the two pipes at fixed numbers.
-        def place():
-            os.dup2(report_end, 13)
-            os.dup2(answer_end, 14)
-            os.dup2(13, 3)
-            os.dup2(14, 4)
-
-        command = [runs.STEPPER, str(at), str(until), str(runs.LONGEST_STEPPED), runs.TOOL, *words]
-        self._process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                         stderr=subprocess.PIPE, env=runs.ENVIRONMENT, cwd="/", preexec_fn=place,
-                                         pass_fds=(3, 4))
+        command = [runs.STEPPER, report_end, answer_end, at, until, runs.LONGEST_STEPPED, runs.TOOL, *words]
+        self._process = subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL,
+                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=runs.ENVIRONMENT,
+                                         cwd="/", pass_fds=(report_end, answer_end))
         os.close(report_end)
         os.close(answer_end)
         self._report = os.fdopen(report, encoding="utf-8", errors="surrogateescape")
@@ -215,8 +207,8 @@ def run_point(text):
     random.seed(text)
     maker = rounds.enter(scenario)
     at = int(number)
+    guard, strike, met = world.Guard([], rounds.bystanders()), None, False
     stepper = Stepper(scenario.words, at, FOR_GOOD if span == "-" else at + int(span))
-    guard, strike, met = None, None, False
     outcome = None
     for fields in stepper.lines():
         if fields[0] == "ended":
@@ -225,12 +217,12 @@ def run_point(text):
         if fields[0] == "enter":
             place = ancestor(_path_of(fields, name), int(levels))
             decoy = maker.make("away" if kind.startswith("do-") else kind, place)
-            guard = world.Guard(maker.planted, rounds.bystanders())
+            guard.add(maker.planted)
             strike = Strike(kind, place, decoy)
             met = strike.strike()
         elif strike:
             strike.take_back()
         stepper.proceed()
-    if guard is None:
+    if strike is None:
         raise scenes.Broken(f"{name} has no call {number}")
     return rounds.judge("step:" + text, scenario, guard, outcome, met)

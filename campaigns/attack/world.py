@@ -95,20 +95,24 @@ class Guard:
 
     def __init__(self, planted, bystanders):
         self._outside = {}
-        for directory in GUARDED:
-            _walk(directory, self._remember)
         for path, *_ in NEIGHBOURS:
             self._remember(path)
         self._listings = {path: _own_names(path) for path in GUARDED_LISTINGS}
         self._system = self._library()
         self._strict = {}   # by inode: what must be there afterwards, and unchanged
         self._loose = {}    # by inode: what may be gone, but not changed
-        for path in planted:
-            self._remember_planted(path)
+        self.add(planted)
         for path in bystanders:
             self._strict[os.lstat(path).st_ino] = (path, fingerprint(path))
         self._owners = {}   # by inode, of everything in the home
         _walk(HOME, lambda path: self._owners.__setitem__(os.lstat(path).st_ino, os.lstat(path).st_uid))
+
+    def add(self, planted):
+        """Remembers decoys, also those that were made while the run stands still."""
+        for directory in GUARDED:
+            _walk(directory, self._remember)
+        for path in planted:
+            self._remember_planted(path)
 
     def _remember(self, path):
         self._outside[path] = fingerprint(path)

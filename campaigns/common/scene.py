@@ -142,4 +142,4 @@ def _describe(one, other):
 
 def _short(content):
     text = repr(content)
-    return text if len(text) <= 400 else text[:400] + f"... ({len(content)})"
+    return text if len(text) <= 120 else text[:120] + f"... ({len(content)})"

@@ -46,11 +46,11 @@ class Trial:
         self._fingerprints = self._made.enter()
         kept = {path for path in self._made.start if wholeness.is_temporary(path)}
         outcome = None
-        for deed in deeds.split("+"):
+        for turn, deed in enumerate(deeds.split("+")):
             self._expected = self._expected_after()
             outcome = self._strike(deed)
             self._verdict.said = outcome.says()
-            self._judge_end(deed, outcome)
+            self._judge_end(deed, outcome, turn == 0)
             self._judge_moment("right after", scene.capture())
             if self._verdict.faults:
                 return self._verdict
@@ -84,9 +84,8 @@ class Trial:
 
     # --- the disturbed run itself ---
 
-    def _judge_end(self, deed, outcome):
+    def _judge_end(self, deed, outcome, first):
         killing = deed.rsplit(":", 1)[-1] in ("before", "after", "all")
-        first = deed == self._text.partition("/")[0].split("+")[0]
         if first:
             self._require_hit(deed, outcome)
         if outcome.ended == "killed" and killing:
@@ -134,6 +133,7 @@ class Trial:
         different = scene.differences(self._expected, scenarios.normal(self._made, found))
         if self._as_undisturbed(outcome) and not different:
             self._verdict.kind = "absorbed"
+            self._require_printed_id(outcome, found)
         elif outcome.status == 0 and self._could_not_be_noticed():
             self._verdict.kind = "deceived"
             self._require_nothing_lost(found)
@@ -197,7 +197,7 @@ class Trial:
 
     def _go_on(self):
         """The same command again; after a failure that took everything back, the whole work again."""
-        expected = self._expected_after()
+        self._expected = self._expected_after()
         outcome = self._run()
         taken_back = (outcome.ended, outcome.status, outcome.stderr) == ("exit", 65, scenarios.LEASE_GONE)
         if taken_back and self._made.command == "commit-move":
@@ -210,20 +210,31 @@ class Trial:
             self._fault("the next command: " + outcome.says())
             return
         found = scene.capture()
-        self._compare("in the end", expected, scenarios.normal(self._made, found))
-        if self._made.command == "begin-install" and outcome.status == 0:
-            self._require_printed_id(outcome.stdout.decode().strip(), found)
+        self._compare("in the end", self._expected, scenarios.normal(self._made, found))
+        self._require_printed_id(outcome, found)
 
     def _expected_after(self):
         """A begin-install that was killed after it had cleared a completed attempt, but before it had said so,
         has nothing left to do: the next one begins anew."""
-        attempt = products.in_scope(self._made.job.target, products.MAINTENANCE + "/PendingInstall")
-        return self._anew if self._anew and attempt not in scene.capture() else self._made.after
+        is_anew = self._anew and self._attempt_path() not in scene.capture()
+        return self._anew if is_anew else self._made.after
 
-    def _require_printed_id(self, identifier, found):
-        place = f"{products.MAINTENANCE}/Inbox/{identifier}.tpmt"
+    def _attempt_path(self):
+        return products.in_scope(self._made.job.target, products.MAINTENANCE + "/PendingInstall")
+
+    def _require_printed_id(self, outcome, found):
+        """begin-install names a descriptor that is there: the one begun earlier, if the work is not begun anew."""
+        if self._made.command != "begin-install" or outcome.status != 0:
+            return
+        printed = outcome.stdout.decode().strip()
+        place = f"{products.MAINTENANCE}/Inbox/{printed}.tpmt"
         if products.in_scope(self._made.job.target, place) not in found:
-            self._fault("printed an identifier without a descriptor: " + identifier)
+            self._fault("printed an identifier without a descriptor: " + printed)
+        earlier = self._made.outcome.stdout.decode().strip()
+        attempt = self._made.start.get(self._attempt_path())
+        continues = attempt is not None and earlier.encode() in attempt.content
+        if continues and self._expected is self._made.after and printed != earlier:
+            self._fault(f"printed {printed} instead of {earlier}")
 
     def _start_over(self):
         outcome = self._run("prepare-move")

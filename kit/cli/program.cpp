@@ -1,5 +1,6 @@
 #include "kit/cli/program.h"
 
+#include "cli/process.h"
 #include "kit/cli/commands.h"
 #include "kit/report/failure.h"
 #include "kit/report/json.h"
@@ -66,8 +67,8 @@ Answer answerSafely(const Options& options)
 
 int runProgram(int argumentCount, const char* const* arguments)
 {
+    prepareProcess();
     (void)std::signal(SIGPIPE, SIG_IGN);
-    (void)std::signal(SIGCHLD, SIG_DFL);
     const CommandLine line = readCommandLine(argumentCount, arguments);
     if (!line.options)
         return deliver({line.status, line.out, line.err});

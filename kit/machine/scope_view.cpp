@@ -153,6 +153,26 @@ void readLock(ScopeView& view, const PlacedDirectory& maintenance)
         view.running = question.l_pid;
 }
 
+/// A rollback puts the tool back without the right to be run.
+void readTool(ScopeView& view, const PlacedDirectory& support)
+{
+    const std::string name(maintenanceExecutable.substr(supportDirectory.size() + 1));
+    struct stat status = {};
+    view.hasTool =
+        support && ::fstatat(support.descriptor.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!view.hasTool || (status.st_mode & S_IXUSR) != 0)
+        return;
+    const std::string path = support.path + "/" + name;
+    view.sightings.findings.push_back(
+        {Finding::Severity::Warning,
+         path,
+         0,
+         {},
+         "the tool cannot be run: mode " + octalMode(status.st_mode & 07777U) + ", as after a rollback",
+         {},
+         "install com.tamarindpelican.pkg.common again, or chmod 755 " + shellQuoted(path)});
+}
+
 void collectLeftovers(ScopeView& view, const PlacedDirectory& support, const PlacedDirectory& maintenance)
 {
     for (const std::string& entry : namesAt(maintenance, view.sightings))
@@ -178,8 +198,7 @@ ScopeView readScope(const std::string& scope)
     for (const char* name : {"Library", "Application Support", "Tamarind Pelican"})
         support = openPlace(support, name, view.sightings);
     const PlacedDirectory maintenance = openPlace(support, "Maintenance", view.sightings);
-    const std::string tool = std::string(maintenanceExecutable.substr(supportDirectory.size() + 1));
-    view.hasTool = support && ::faccessat(support.descriptor.get(), tool.c_str(), F_OK, 0) == 0;
+    readTool(view, support);
     readLock(view, maintenance);
     view.lease = readState(view, maintenance, "ActiveTransaction");
     readPendingAttempt(view, maintenance);

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <new>
+#include <sys/stat.h>
 #include <system_error>
 
 namespace maintenance::kit {
@@ -45,8 +46,12 @@ ArchiveReader ArchiveReader::openPackage(const std::string& file)
 {
     ArchiveReader reader(file);
     reader.file_ = OwnedFd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!reader.file_)
-        throw Failure(NoInput, printable(file) + " cannot be read: " + std::generic_category().message(errno),
+    struct stat status = {};
+    const bool known = reader.file_ && ::fstat(reader.file_.get(), &status) == 0;
+    if (!known || S_ISDIR(status.st_mode))
+        throw Failure(NoInput,
+                      printable(file) + " cannot be read: " +
+                          (known ? "it is a directory" : std::generic_category().message(errno)),
                       "check the name and the rights");
     ::archive_read_support_format_xar(reader.archive_.get());
     if (::archive_read_open_fd(reader.archive_.get(), reader.file_.get(), readingChunk) != ARCHIVE_OK)

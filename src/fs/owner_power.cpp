@@ -9,6 +9,11 @@ namespace maintenance {
 
 namespace {
 
+bool onlyRootNamesThings(const struct stat& directory)
+{
+    return directory.st_uid == 0 && (directory.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
 [[noreturn]] void endWithoutPower()
 {
     constexpr char message[] = "cannot take back the process's own power\n";
@@ -26,7 +31,7 @@ int withOwnersPower(int directory, uid_t owner, const std::function<int()>& call
     struct stat status = {};
     if (::fstat(directory, &status) != 0)
         return -1;
-    if (status.st_uid != owner)
+    if (onlyRootNamesThings(status))
         return call();
     if (::seteuid(owner) != 0)
         throw std::system_error(errno, std::generic_category(), "cannot act as the scope's owner");

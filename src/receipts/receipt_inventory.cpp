@@ -108,7 +108,15 @@ std::string readVersion(const std::string& description)
 /// package database itself does.
 std::string hashListedFile(const std::filesystem::path& path, const struct stat& examined)
 {
-    OwnedFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    // An exchange in the directories above cannot make this open a device, which may act on being opened.
+    const OwnedFd directory(::open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat named = {};
+    if (!directory || ::fstatat(directory.get(), path.filename().c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0)
+        throw Invalid("cannot read an owned file");
+    if (!S_ISREG(named.st_mode) && !S_ISLNK(named.st_mode))
+        throw Invalid("pkgutil receipt-owned file changed during validation");
+    OwnedFd file(
+        ::openat(directory.get(), path.filename().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file)
         throw Invalid("cannot read an owned file");
     struct stat opened = {};

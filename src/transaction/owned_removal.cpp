@@ -3,6 +3,7 @@
 #include "fs/existence.h"
 #include "fs/fixed_directory.h"
 #include "fs/fixed_file.h"
+#include "fs/owner_power.h"
 #include "fs/sha256.h"
 #include "platform/durable_sync.h"
 #include "validate/invalid.h"
@@ -32,9 +33,11 @@ void requireStillNamed(const ExaminedFile& file)
         throw Invalid("owned mutation target changed before removal");
 }
 
-void unlinkDurably(const ExaminedFile& file, const char* failure)
+void unlinkDurably(const std::string& scope, const ExaminedFile& file, const char* failure)
 {
-    if (::unlinkat(file.directory.get(), file.name.c_str(), 0) != 0)
+    const int directory = file.directory.get();
+    if (withOwnersPower(directory, scopeOwner(scope),
+                        [&] { return ::unlinkat(directory, file.name.c_str(), 0); }) != 0)
         throw Invalid(failure);
     if (!synchronize(file.directory.get(), Durability::Copy))
         throw std::runtime_error("cannot synchronize fixed metadata directory");
@@ -54,7 +57,7 @@ void removeOwned(const FixedPlace& place, const std::string& expectedHash, Links
         throw Invalid("owned mutation target changed");
     }
     if (S_ISLNK(file.status.st_mode) && links == Links::Remove) {
-        unlinkDurably(file, "cannot remove redirected transaction output");
+        unlinkDurably(place.scope, file, "cannot remove redirected transaction output");
         return;
     }
     if (!S_ISREG(file.status.st_mode) || file.status.st_nlink != 1)
@@ -63,7 +66,7 @@ void removeOwned(const FixedPlace& place, const std::string& expectedHash, Links
                                          "owned mutation target changed during validation");
     requireExpectedContent(opened, expectedHash);
     requireStillNamed(file);
-    unlinkDurably(file, "cannot remove receipt-owned file");
+    unlinkDurably(place.scope, file, "cannot remove receipt-owned file");
 }
 
 } // namespace maintenance

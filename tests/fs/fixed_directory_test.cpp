@@ -392,11 +392,22 @@ TEST(CreatedOwner, IsTheScopesOwner)
 
 TEST(CreatedOwner, IsGivenByRootWhereTheDirectoryAboveIsRoots)
 {
-    makeDirectories("/tmp/new");
-    const OwnedFd above(::open("/tmp", O_RDONLY | O_CLOEXEC));
-    const OwnedFd made(::open("/tmp/new", O_RDONLY | O_CLOEXEC));
+    makeDirectories("/opt/above/new");
+    const OwnedFd above(::open("/opt/above", O_RDONLY | O_CLOEXEC));
+    const OwnedFd made(::open("/opt/above/new", O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(endingOf([&] { assignCreatedOwner(above.get(), made.get(), "user"); }), returned());
-    EXPECT_EQ(describe("/tmp/new"), "dir 501 0755");
+    EXPECT_EQ(describe("/opt/above/new"), "dir 501 0755");
+}
+
+TEST(CreatedOwner, IsNotGivenWhereOthersCouldHaveExchangedIt)
+{
+    makeDirectories("/opt/above/new");
+    setMode("/opt/above", 0777);
+    const OwnedFd above(::open("/opt/above", O_RDONLY | O_CLOEXEC));
+    const OwnedFd made(::open("/opt/above/new", O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(endingOf([&] { assignCreatedOwner(above.get(), made.get(), "user"); }),
+              invalid("cannot assign fixed maintenance ownership"));
+    EXPECT_EQ(describe("/opt/above/new"), "dir 0 0755");
 }
 
 TEST(CreatedOwner, ThatCannotBeAssignedIsReported)

@@ -45,10 +45,15 @@ TEST(OwnersPower, IsTakenOnByRootInTheOwnersDirectoryForOneCall)
     EXPECT_EQ(powers("/Users/other", 502), "0 502 0, then 0 0 0");
 }
 
-TEST(OwnersPower, IsNotTakenOnInADirectoryOfSomebodyElse)
+TEST(OwnersPower, IsTakenOnByRootWhereOtherAccountsCanExchangeNames)
+{
+    EXPECT_EQ(powers("/Users/other", 501), "0 501 0, then 0 0 0");
+    EXPECT_EQ(powers("/tmp", 501), "0 501 0, then 0 0 0");
+}
+
+TEST(OwnersPower, IsNotTakenOnWhereOnlyRootCanExchangeNames)
 {
     EXPECT_EQ(powers("/Users", 501), "0 0 0, then 0 0 0");
-    EXPECT_EQ(powers("/Users/other", 501), "0 0 0, then 0 0 0");
     EXPECT_EQ(powers("/Users/player", 0), "0 0 0, then 0 0 0");
     EXPECT_EQ(powers("/", 0), "0 0 0, then 0 0 0");
 }

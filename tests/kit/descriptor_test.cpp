@@ -8,6 +8,7 @@ const std::string output = inWorkshop("work-1.tpmt");
 
 Outcome make(Arguments words)
 {
+    makeDirectories(workshop);
     words.insert(words.begin(), "descriptor");
     words.insert(words.end(), {"--id", "work-1", "-o", output});
     return kit(words);

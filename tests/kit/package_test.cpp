@@ -18,13 +18,10 @@ std::string build(const Package& package, const Arguments& options = {})
     const std::string tree = inWorkshop(package.id + ".tree");
     if (!isThere(tree))
         stage({package}, package.id + ".tree");
-    Arguments words = {std::string(REHEARSAL_TOOLS) + "/build-package",
-                       "--root",
-                       tree,
-                       "--identifier",
-                       package.id,
-                       "--version",
-                       package.version};
+    Arguments words = {"/bin/bash",    std::string(REHEARSAL_TOOLS) + "/build-package",
+                       "--root",       tree,
+                       "--identifier", package.id,
+                       "--version",    package.version};
     words.insert(words.end(), options.begin(), options.end());
     words.push_back(inWorkshop(package.id + ".pkg"));
     execute(words);
@@ -61,8 +58,8 @@ TEST(KitPlanOfPackages, ReadsAProductArchiveAndPassesOverScripts)
         references += "<pkg-ref id=\"" + package.id + "\">#" + package.id + ".pkg</pkg-ref>\n";
     writeFile(inWorkshop("distribution"),
               "<installer-gui-script>\n" + references + "</installer-gui-script>\n");
-    execute({std::string(REHEARSAL_TOOLS) + "/build-product", "--distribution", inWorkshop("distribution"),
-             "--package-path", workshop, inWorkshop("product.pkg")});
+    execute({"/bin/bash", std::string(REHEARSAL_TOOLS) + "/build-product", "--distribution",
+             inWorkshop("distribution"), "--package-path", workshop, inWorkshop("product.pkg")});
     const Outcome outcome = kit(planWords(writeList({alpha}), {inWorkshop("product.pkg")}));
     EXPECT_EQ(outcome.status, 0) << outcome;
     EXPECT_EQ(readFile(planFile), planText({alpha}));

@@ -268,7 +268,7 @@ TEST(KitPlan, RefusesMoreFilesThanADescriptorHolds)
 {
     Plugin alpha = plugin("alpha", "1.0");
     // Fits into a plan of 1 MiB, but not into the longer lines of its descriptor.
-    for (int i = 0; i < 5000; ++i)
+    for (int i = 0; i < 6000; ++i)
         alpha.withVst3File("Contents/Resources/" + std::to_string(i), "");
     const std::string tree = stage(alpha);
     ASSERT_LT(planText({alpha}).size(), 1048576U);

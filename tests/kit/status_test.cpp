@@ -34,8 +34,8 @@ std::string stateOf(const std::string& id, const Surroundings& surroundings = {}
 std::vector<std::string> commandsTo(const std::string& effect, const std::string& id,
                                     const Surroundings& surroundings = {})
 {
-    const Json answer = kitJson({"status"}, surroundings);
-    for (const auto& way : transactionIn(answer, id).at("waysOut"))
+    const Json transaction = transactionIn(kitJson({"status"}, surroundings), id);
+    for (const auto& way : transaction.at("waysOut"))
         if (way.at("effect") == effect)
             return way.at("commands");
     return {};
@@ -49,13 +49,24 @@ void follow(const std::vector<std::string>& commands)
         EXPECT_EQ(inShell(command), succeeded()) << command;
 }
 
+const std::string toolPath = "Library/Application Support/Tamarind Pelican/TamarindPelicanMaintenance";
+
+/// The shared package as it is: with the very program that the commands run.
+Package realCommon()
+{
+    Package common = commonPackage();
+    common.files[toolPath] = readFile(builtTool());
+    return common;
+}
+
 /// The tool in its place, and a product in the home that is to be moved to the system scope.
 void makeMove()
 {
     placeTool("system", planText({alpha}));
     install("user", commonPackage());
+    setMode(rootOf("user") / toolPath, 0755);
     install("user", alpha);
-    publish(Work("system").from("user").brings(alpha, "1.0"), "move-1");
+    publish(Work("system").from("user").brings(alpha, "1.0").with(realCommon()), "move-1");
 }
 
 void prepareMove()
@@ -64,9 +75,15 @@ void prepareMove()
     ASSERT_EQ(run({"prepare-move", "system", "move-1"}), succeeded());
 }
 
+void installCommon()
+{
+    install("system", realCommon());
+    setMode(rootOf("system") / toolPath, 0755);
+}
+
 void installInSystem()
 {
-    install("system", commonPackage());
+    installCommon();
     install("system", alpha);
 }
 
@@ -120,7 +137,7 @@ TEST(KitStatus, OfAnInstalledMoveNamesTheCommandThatFinishesItAndNoOther)
 TEST(KitStatus, OfAHalfInstalledMoveSaysThatItMustBeFinishedFirst)
 {
     prepareMove();
-    install("system", commonPackage());
+    installCommon();
     EXPECT_EQ(commandsTo("undo", "move-1"), std::vector<std::string>());
     EXPECT_TRUE(holds(kit({"status"}).out, "the installation must be finished before"));
     ASSERT_EQ(inShell(commandsTo("finish", "move-1").at(0)).status, 65);
@@ -200,9 +217,8 @@ TEST(KitStatus, OfADescriptorThatNobodyBeganIsAbsentAndNotOpen)
 
 TEST(KitStatus, OfAnUninstallationThatWasInterruptedNamesTheCommandThatFinishesIt)
 {
-    placeTool("system", planText({alpha}));
     installInSystem();
-    publish(Work("system").brings(alpha, "1.0"), "gone-1");
+    publish(Work("system").brings(alpha, "1.0").with(realCommon()), "gone-1");
     instructPkgutil("command=--forget do kill=KILL");
     ASSERT_EQ(run({"uninstall-product", "system", "gone-1"}).status, 65);
     instructPkgutil("");
@@ -247,7 +263,7 @@ TEST(KitStatus, SaysWhenTheDescriptorOfATransactionIsGoneOrAnother)
     const std::string text = readFile(descriptorOf("system", "move-1"));
     removeAll(descriptorOf("system", "move-1"));
     EXPECT_TRUE(holds(kit({"status"}).out, "its descriptor is not in the inbox"));
-    publishText("system", Work("system").from("user").brings(alpha, "-").text(), "move-1");
+    publishText("system", Work("system").from("user").brings(alpha, "-").with(realCommon()).text(), "move-1");
     EXPECT_TRUE(holds(kit({"status"}).out,
                       "its descriptor was exchanged since (SHA-256 of the right one: " + systemSha256(text)));
 }
@@ -292,6 +308,20 @@ TEST(KitStatus, FindsUnsafeOwnersModesAndLinksAndTellsTheCommandThatMendsThem)
     EXPECT_EQ(inShell(view.at("findings")[0].at("advice")), succeeded());
     EXPECT_EQ(inShell(view.at("findings")[1].at("advice")), succeeded());
     EXPECT_EQ(scopeIn(kitJson({"status"}), "system").at("findings").size(), 0U);
+}
+
+TEST(KitStatus, FindsAToolThatARollbackLeftWithoutTheRightToBeRun)
+{
+    installInSystem();
+    publish(Work("system").brings(alpha, "1.0").with(realCommon()), "repair-1");
+    ASSERT_EQ(run({"prepare-move", "system", "repair-1"}), succeeded());
+    writeFile(rootOf("system") / toolPath, "half a tool");
+    ASSERT_EQ(run({"rollback-move", "system", "repair-1"}), succeeded());
+    const Json answer = kitJson({"status", "system"});
+    const std::string path = (rootOf("system") / toolPath).native();
+    EXPECT_TRUE(holds(answer.dump(), "the tool cannot be run: mode 0600, as after a rollback"))
+        << answer.dump(1);
+    EXPECT_TRUE(holds(answer.dump(), "chmod 755 '" + path + "'"));
 }
 
 TEST(KitStatus, FindsBooksThatAreNotWhatIsRegistered)

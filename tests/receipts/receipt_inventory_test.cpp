@@ -425,12 +425,22 @@ TEST(ReceiptInventory, RefusesALinkThatTheListingNamesAsADirectory)
     EXPECT_EQ(inspectAlpha(), outsideDestinations);
 }
 
+/// Tells whether a call opens the file at `place` from its directory.
+bool opens(const SystemCall& call, const std::filesystem::path& place)
+{
+    if (!call.is(SYS_openat, place.filename()))
+        return false;
+    const std::string directory =
+        "/proc/" + std::to_string(call.process) + "/fd/" + std::to_string(call.arguments[0]);
+    return std::filesystem::read_symlink(directory) == place.parent_path();
+}
+
 TEST(ReceiptInventory, OfAFileExchangedWhileItIsOpenedIsRefused)
 {
     installAlpha();
     const std::string place = rootOf("user") / codePath;
     const auto exchange = [&](const SystemCall& call) {
-        if (call.is(SYS_openat, place)) {
+        if (opens(call, place)) {
             writeFile("/Users/player/other", readFile(place), {playerUid, 0644});
             std::filesystem::rename("/Users/player/other", place);
         }
@@ -448,7 +458,7 @@ TEST(ReceiptInventory, OfAFileExchangedForALinkOrAPipeIsRefusedWithoutWaiting)
         return stopping(
             {SYS_openat},
             [&](const SystemCall& call) {
-                if (call.is(SYS_openat, place)) {
+                if (opens(call, place)) {
                     removeAll(place);
                     plant();
                 }

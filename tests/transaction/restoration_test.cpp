@@ -391,8 +391,8 @@ const std::vector<BrokenLine>& brokenLines()
     return all;
 }
 
-/// Alpha stands in both scopes; what was prepared would leave its old file behind in neither. A file and the
-/// index have been spoilt since in both, which a restoration would put right.
+/// Alpha stands in both scopes. In both, a file and the index have been spoilt since, which a restoration
+/// would put right.
 Transaction prepareSpoiltMerging()
 {
     const Transaction transaction = prepareMerging("system");

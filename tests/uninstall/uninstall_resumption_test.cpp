@@ -523,6 +523,37 @@ TEST_P(ResumedUninstall, NeverRemovesAFileThatChangesAfterItWasCompared)
     expectFinishedByTheNextRun();
 }
 
+TEST(ResumedUninstallWithASource, HasItsLeaseInBothScopesAndIsFinishedFromTheTarget)
+{
+    for (const std::string target : {"user", "system"}) {
+        const std::string source = oppositeOf(target);
+        for (const std::string scope : {"user", "system"})
+            install(scope, alpha);
+        const Work work = Work(target).from(source).brings(alpha, "1.0");
+        const std::string id = "remove-from-" + target;
+        publish(work, id);
+        // Two inventories for the snapshots and two for the proof; the fifth is taken when the leases stand.
+        instructPkgutil("command=--pkgs= nth=5- do exit=2\n");
+        EXPECT_EQ(run({"uninstall-product", target, id}), notEnumerated);
+        instructPkgutil("");
+        const std::string prepared = readFile(transactionOf("system", id) / "prepared");
+        EXPECT_EQ(prepared, work.prepared(id, fieldOf(prepared, "generation")));
+        for (const std::string scope : {"user", "system"}) {
+            EXPECT_EQ(readFile(leaseOf(scope)), prepared);
+            EXPECT_EQ(describe(leaseOf(scope)), metadataFileOf(scope));
+        }
+        removeAll(leaseOf(source));
+        EXPECT_EQ(run({"uninstall-product", target, id}), succeeded());
+        EXPECT_EQ(readFile(completedOf("system", id)), prepared);
+        EXPECT_FALSE(isRegistered(target, alpha.vst3.id));
+        EXPECT_TRUE(isRegistered(source, alpha.vst3.id));
+        for (const std::string scope : {"user", "system"})
+            EXPECT_FALSE(isThere(leaseOf(scope)));
+        for (const std::string& path : alpha.paths())
+            EXPECT_TRUE(isThere(rootOf(source) / path)) << path;
+    }
+}
+
 TEST(ForeignPreparation, OfACleanInstallationIsNeverCarriedOutAsAnUninstallation)
 {
     for (const std::string scope : {"user", "system"}) {

@@ -31,8 +31,6 @@
 
 namespace {
 
-constexpr int reportDescriptor = 3;
-constexpr int answerDescriptor = 4;
 constexpr int callStop = SIGTRAP | 0x80;
 
 volatile std::sig_atomic_t timeIsUp = 0;
@@ -45,6 +43,8 @@ void noteTime(int) { timeIsUp = 1; }
 }
 
 struct Options {
+    int report;
+    int answer;
     unsigned long at;
     unsigned long until;
     unsigned seconds;
@@ -53,10 +53,15 @@ struct Options {
 
 Options readOptions(int count, char** arguments)
 {
-    if (count < 5)
-        throw std::runtime_error("usage: stepper AT UNTIL SECONDS COMMAND...");
+    if (count < 7)
+        throw std::runtime_error("usage: stepper REPORT ANSWER AT UNTIL SECONDS COMMAND...");
     const auto value = [&](int i) { return std::strtoul(arguments[i], nullptr, 10); };
-    return {value(1), value(2), static_cast<unsigned>(value(3)), arguments + 4};
+    return {static_cast<int>(value(1)),
+            static_cast<int>(value(2)),
+            value(3),
+            value(4),
+            static_cast<unsigned>(value(5)),
+            arguments + 6};
 }
 
 void limitTime(unsigned seconds)
@@ -69,36 +74,17 @@ void limitTime(unsigned seconds)
     ::setitimer(ITIMER_REAL, &limit, nullptr);
 }
 
-void say(const std::string& line)
-{
-    const std::string text = line + "\n";
-    if (::write(reportDescriptor, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
-        failed("cannot report");
-}
-
-/// Waits until whoever reads the report has answered.
-void awaitAnswer()
-{
-    char answer = 0;
-    ssize_t count = 0;
-    do {
-        count = ::read(answerDescriptor, &answer, 1);
-    } while (count < 0 && errno == EINTR);
-    if (count != 1)
-        failed("nobody answers");
-}
-
-pid_t start(char** command)
+pid_t start(const Options& options)
 {
     const pid_t pid = ::fork();
     if (pid < 0)
         failed("cannot start a process");
     if (pid == 0) {
-        ::close(reportDescriptor);
-        ::close(answerDescriptor);
+        ::close(options.report);
+        ::close(options.answer);
         if (::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
             ::_exit(126);
-        ::execv(command[0], command);
+        ::execv(options.command[0], options.command);
         ::_exit(127);
     }
     int status = 0;
@@ -112,7 +98,7 @@ pid_t start(char** command)
 /// The run of one command.
 class Run {
 public:
-    explicit Run(const Options& options) : options_(options), pid_(start(options.command)) {}
+    explicit Run(const Options& options) : options_(options), pid_(start(options)) {}
 
     /// Runs the command to its end and reports it.
     void finish()
@@ -145,6 +131,25 @@ private:
                 ::kill(pid_, SIGKILL);
         }
         return status;
+    }
+
+    void say(const std::string& line) const
+    {
+        const std::string text = line + "\n";
+        if (::write(options_.report, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+            failed("cannot report");
+    }
+
+    /// Waits until whoever reads the report has answered.
+    void awaitAnswer() const
+    {
+        char answer = 0;
+        ssize_t count = 0;
+        do {
+            count = ::read(options_.answer, &answer, 1);
+        } while (count < 0 && errno == EINTR);
+        if (count != 1)
+            failed("nobody answers");
     }
 
     void stopped()
