@@ -1,6 +1,6 @@
 """Exchanges as fast as possible: while a run goes on, processes of the account disturb what it works on.
 
-A point is SCENARIO:SEED. The seed settles the scene, who attacks what and with which decoys; what happens first in a
+A point is SCENARIO:SEED. Its number settles the scene, who attacks what and with which decoys; what happens first in a
 race, it cannot settle."""
 
 import os

@@ -132,7 +132,7 @@ def _rank(key, text):
 
 def choose(made, limits, seed):
     """Returns the points of a scenario that a campaign takes: of each family at most `limits` says (no limit
-    means all, no entry none), first one of every likeness, and otherwise as the seed will have it."""
+    means all, no entry none), first one of every likeness, and otherwise as the random numbers will have it."""
     key = f"{seed} {made.name}"
     families = {}
     for point in all_points(made, key):
