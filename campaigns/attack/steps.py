@@ -19,7 +19,6 @@ from attack import decoys, rounds, runs, scenes, world
 HOME = products.HOME
 SPANS = ("0", "0", "0", "1", "1", "2", "3", "5", "8", "20", "60", "-")
 FOR_GOOD = 10**9
-FREQUENT = ("read", "write")
 _libc = ctypes.CDLL(None, use_errno=True)
 AT_FDCWD, NOREPLACE, EXCHANGE = -100, 1, 2
 
@@ -92,20 +91,24 @@ def mode_in(scenario, path):
 
 
 def choose(name, count, seed):
-    """Returns so many points of a scenario."""
+    """Returns so many points of a scenario, spread over everything that its calls do."""
     scenario = scenes.scenario(name)
-    calls = calls_of(name)
     dice = random.Random(f"{seed}:{name}")
-    weights = [0.2 if call[1] in FREQUENT else 1.0 for call in calls]
-    points = []
-    for number, _, path in dice.choices(calls, weights, k=count):
-        levels = 0 if dice.random() < 0.5 else dice.randrange(depth_of(path))
-        place = ancestor(path, levels)
-        # A name that the run makes itself is there from that call on, and nothing is before it.
-        mode = mode_in(scenario, place) or dice.choice((stat.S_IFREG, stat.S_IFDIR, None))
-        kind = dice.choice(decoys.kinds_for(mode))
-        points.append(f"{name}:{number}:{levels}:{kind}:{dice.choice(SPANS)}")
-    return points
+    alike = {}      # calls by what they do, and to what
+    for number, call, path in calls_of(name):
+        alike.setdefault((call, path), []).append(number)
+    groups = [(path, numbers) for (_, path), numbers in alike.items()]
+    chosen = []
+    while len(chosen) < count:
+        chosen += dice.sample(groups, min(len(groups), count - len(chosen)))
+    return [_point(scenario, path, dice.choice(numbers), dice) for path, numbers in chosen]
+
+
+def _point(scenario, path, number, dice):
+    levels = 0 if dice.random() < 0.5 else dice.randrange(depth_of(path))
+    # A name that the run makes itself is there from that call on, and nothing is before it.
+    mode = mode_in(scenario, ancestor(path, levels)) or dice.choice((stat.S_IFREG, stat.S_IFDIR, None))
+    return f"{scenario.name}:{number}:{levels}:{dice.choice(decoys.kinds_for(mode))}:{dice.choice(SPANS)}"
 
 
 def ancestor(path, levels):

@@ -740,6 +740,20 @@ TEST(CopyOfATree, NeedsSafeDirectoriesInItsPlace)
     EXPECT_EQ(namesIn("/Users/player/elsewhere"), Names{});
 }
 
+TEST(CopyOfATree, NeedsSafeDirectoriesInAnyPlaceAndForEmptyOnes)
+{
+    makeDirectories(treeOf("user") / "empty", {playerUid, 0755});
+    const std::string elsewhere = "Library/elsewhere";
+    makeDirectories(Path(playerHome) / elsewhere / "empty", {playerUid, 0755});
+    const auto copying = [&] { return endingOf([&] { copyTree({"user", treePath}, {"user", elsewhere}); }); };
+    EXPECT_EQ(copying(), returned());
+    for (const char* name : {"", "empty"}) {
+        setMode(Path(playerHome) / elsewhere / name, 0777);
+        EXPECT_EQ(copying(), unsafeMode) << name;
+        setMode(Path(playerHome) / elsewhere / name, 0755);
+    }
+}
+
 /// A chain of `levels` directories with a file in the last one, the tree itself included.
 void makeChain(int levels)
 {
