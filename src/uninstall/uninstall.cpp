@@ -40,8 +40,8 @@ void requireBothPackages(const PackageContents& packages, const Product& product
             refuseMismatch();
 }
 
-/// Proves from the live receipts that the descriptor describes exactly what is installed.
-void proveInstallation(const Descriptor& descriptor)
+/// Proves from the live receipts that the descriptor describes exactly what is installed; returns them.
+ReceiptInventory proveInstallation(const Descriptor& descriptor)
 {
     const PackageContents packages = packageContents(descriptor);
     ProductLookup lookup;
@@ -50,7 +50,7 @@ void proveInstallation(const Descriptor& descriptor)
             refuseMismatch();
         requireBothPackages(packages, product);
     }
-    requireExactReceipts(descriptor, false);
+    return requireExactReceipts(descriptor, false);
 }
 
 bool isSameContent(const PackageContent& one, const PackageContent& other)
@@ -93,16 +93,6 @@ void proveSnapshot(const Descriptor& descriptor)
     }
 }
 
-PreparedState beginUninstallation(const Descriptor& descriptor)
-{
-    rejectActiveOrReplay(descriptor);
-    return openTransaction(descriptor, [&] {
-        snapshotScopes(descriptor);
-        proveInstallation(descriptor);
-        proveSnapshot(descriptor);
-    });
-}
-
 /// Requires every package that is to be removed to be registered as the snapshot recorded it. Only a resumed
 /// uninstallation may find some of them registered no longer.
 void proveRegistrations(const Descriptor& descriptor, const ReceiptInventory& live, bool resumed)
@@ -116,6 +106,17 @@ void proveRegistrations(const Descriptor& descriptor, const ReceiptInventory& li
         if (receipt != live.end() && !isRecordedRegistration(receipt->second, recorded))
             refuseMismatch();
     }
+}
+
+PreparedState beginUninstallation(const Descriptor& descriptor)
+{
+    rejectActiveOrReplay(descriptor);
+    return openTransaction(descriptor, [&] {
+        snapshotScopes(descriptor);
+        const ReceiptInventory live = proveInstallation(descriptor);
+        proveSnapshot(descriptor);
+        proveRegistrations(descriptor, live, false);
+    });
 }
 
 /// Removes one file of a receipt: the snapshot must vouch for its content. A file that is gone was removed by

@@ -38,5 +38,23 @@ TEST(Uninstall, ThatWasOnceToldOfNoPackageAtAllCanBeRunAgain)
     }
 }
 
+TEST(Uninstall, ThatWasOnceToldHalfOfTheSharedPackageCanBeRunAgain)
+{
+    for (int cut = 1; cut <= 9; ++cut) {
+        removeAll("/Library/Audio");
+        removeAll(supportOf("system"));
+        const std::string id = twoProductsOfWhichOneGoes();
+        instructPkgutil("command=--files id=" + commonPackage().id + " nth=" + std::to_string(cut) +
+                        " do cut=160\n");
+        const Outcome first = run({"uninstall-product", "system", id});
+        EXPECT_TRUE(first.status == 0 || first.status == 65) << cut << ": " << first;
+
+        instructPkgutil("");
+        EXPECT_EQ(run({"uninstall-product", "system", id}), succeeded()) << cut << ": " << first;
+        EXPECT_FALSE(isRegistered("system", plugin("alpha", "1.0").vst3.id)) << cut;
+        EXPECT_TRUE(isRegistered("system", commonPackage().id)) << cut;
+    }
+}
+
 } // namespace
 } // namespace maintenance::rehearsed
