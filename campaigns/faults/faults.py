@@ -167,7 +167,7 @@ def families(text):
 
 def parse_arguments():
     parser = argparse.ArgumentParser(prog="./dev faults", description=__doc__)
-    parser.add_argument("--build", required=True, help=argparse.SUPPRESS)
+    parser.add_argument("--build", required=True, type=os.path.abspath, help=argparse.SUPPRESS)
     parser.add_argument("--worker", action="store_true", help=argparse.SUPPRESS)
     size = parser.add_mutually_exclusive_group()
     size.add_argument("--sample", dest="size", action="store_const", const="sample", default="full",
