@@ -36,18 +36,23 @@ std::string productFromPackage(std::string_view packageId)
     return dot == std::string_view::npos ? std::string() : std::string(remainder.substr(0, dot));
 }
 
-const Receipt* unusedSharedPackage(const ReceiptInventory& inventory)
+const Receipt* unusedSharedPackage(const ReceiptInventory& before, const ReceiptInventory& after,
+                                   const std::set<std::string>& removed)
 {
-    const auto shared = inventory.find(std::string(commonPackageId));
-    return shared == inventory.end() || !packageCounts(inventory).empty() ? nullptr : &shared->second;
-}
-
-bool hasProductsBeside(const ReceiptInventory& inventory, const std::set<std::string>& packages)
-{
-    ReceiptInventory others = inventory;
-    for (const std::string& packageId : packages)
+    ReceiptInventory others = before;
+    for (const std::string& packageId : removed) {
+        if (after.contains(packageId))
+            throw Invalid("pkgutil receipt remained registered after forget");
         others.erase(packageId);
-    return !packageCounts(others).empty();
+    }
+    const auto shared = after.find(std::string(commonPackageId));
+    if (shared == after.end()) {
+        if (before.contains(std::string(commonPackageId)))
+            throw Invalid("pkgutil cannot enumerate authoritative package receipts");
+        return nullptr;
+    }
+    const bool isUsed = !packageCounts(others).empty() || !packageCounts(after).empty();
+    return isUsed ? nullptr : &shared->second;
 }
 
 InstalledProducts receiptProducts(const std::string& scope)

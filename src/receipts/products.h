@@ -27,13 +27,19 @@ using ProductLookup = std::map<std::string, InstalledProducts>;
 /// Throws Invalid "native receipt package identity is invalid" for a package that is not the maker's.
 std::string productFromPackage(std::string_view packageId);
 
-/// Returns the shared package when it is registered and no product of the inventory uses it, else a null
-/// pointer. The receipt belongs to the inventory. Throws what productFromPackage throws.
-const Receipt* unusedSharedPackage(const ReceiptInventory& inventory);
-
-/// Tells whether the inventory holds packages of products beside `packages`. One listing that the package
-/// database cut short must not make the shared package look unused. Throws what productFromPackage throws.
-bool hasProductsBeside(const ReceiptInventory& inventory, const std::set<std::string>& packages);
+/// Returns the shared package when no product uses it any more, else a null pointer. A listing that the
+/// package database cut short must neither make the shared package look unused nor leave anything behind for
+/// good.
+///
+/// before   the scope's receipts before anything was removed
+/// after    the same, read anew; the result belongs to it
+/// removed  the product packages that the run has removed
+/// throws   Invalid "pkgutil receipt remained registered after forget" when one of them is listed still
+///          Invalid "pkgutil cannot enumerate authoritative package receipts" when the shared package was
+///          listed before and is not listed now
+///          what productFromPackage throws
+const Receipt* unusedSharedPackage(const ReceiptInventory& before, const ReceiptInventory& after,
+                                   const std::set<std::string>& removed);
 
 /// Returns the products that are installed natively in the scope, from its verified receipts. A product is
 /// exactly one ".vst3" and one ".au" package of byte-identical version.

@@ -128,10 +128,8 @@ void dropSharedPackage(const Descriptor& descriptor, const PreparedHashes& hashe
                        const ReceiptInventory& before)
 {
     const std::string& scope = descriptor.sourceScope;
-    if (hasProductsBeside(before, productPackages(descriptor)))
-        return;
     const ReceiptInventory live = pkgutilReceipts(scope, false);
-    const Receipt* shared = unusedSharedPackage(live);
+    const Receipt* shared = unusedSharedPackage(before, live, productPackages(descriptor));
     if (shared == nullptr)
         return;
     removeReceiptFiles(scope, *shared, hashes, {});

@@ -167,10 +167,8 @@ void removeProducts(const Descriptor& descriptor, PackageRemoval& removal, const
 void removeSharedPackage(const Descriptor& descriptor, PackageRemoval& removal,
                          const ReceiptInventory& before)
 {
-    if (hasProductsBeside(before, productPackages(descriptor)))
-        return;
     const ReceiptInventory live = pkgutilReceipts(removal.scope, false);
-    const Receipt* shared = unusedSharedPackage(live);
+    const Receipt* shared = unusedSharedPackage(before, live, productPackages(descriptor));
     if (shared == nullptr)
         return;
     removal.keep.clear();

@@ -38,6 +38,40 @@ TEST(Uninstall, ThatWasOnceToldOfNoPackageAtAllCanBeRunAgain)
     }
 }
 
+TEST(Uninstall, OfTheLastProductLeavesNoSharedPackageWhateverItWasOnceTold)
+{
+    const Plugin alpha = plugin("alpha", "1.0");
+    for (const char* lie : {"exit=0 cut=0", "cut=8", "replace=/etc/hostname"})
+        for (int nth = 1; nth <= 8; ++nth) {
+            removeAll(supportOf("system"));
+            install("system", commonPackage());
+            install("system", alpha);
+            const std::string id = publish(Work("system").brings(alpha, "1.0"), "remove-alpha");
+            instructPkgutil("command=--pkgs= nth=" + std::to_string(nth) + " do " + lie + "\n");
+            const Outcome first = run({"uninstall-product", "system", id});
+            EXPECT_TRUE(first.status == 0 || first.status == 65) << lie << nth << ": " << first;
+
+            instructPkgutil("");
+            EXPECT_EQ(run({"uninstall-product", "system", id}), succeeded()) << lie << nth << ": " << first;
+            EXPECT_FALSE(isRegistered("system", alpha.vst3.id)) << lie << nth;
+            EXPECT_FALSE(isRegistered("system", commonPackage().id)) << lie << nth << ": " << first;
+            EXPECT_FALSE(isThere(rootOf("system") / vst3Path("alpha"))) << lie << nth;
+        }
+}
+
+TEST(Uninstall, ThatIsResumedAndToldOfNoPackageIsNotCompleted)
+{
+    const std::string id = twoProductsOfWhichOneGoes();
+    ASSERT_EQ(run({"prepare-move", "system", id}), succeeded());
+    instructPkgutil("command=--pkgs= nth=1 do exit=0 cut=0\n");
+    EXPECT_EQ(run({"uninstall-product", "system", id}),
+              refused("pkgutil receipt remained registered after forget"));
+
+    instructPkgutil("");
+    EXPECT_EQ(run({"uninstall-product", "system", id}), succeeded());
+    EXPECT_FALSE(isRegistered("system", plugin("alpha", "1.0").vst3.id));
+}
+
 TEST(Uninstall, ThatWasOnceToldHalfOfTheSharedPackageCanBeRunAgain)
 {
     for (int cut = 1; cut <= 9; ++cut) {
