@@ -8,6 +8,7 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 option(MAINTENANCE_WERROR "Treat warnings as errors" OFF)
 option(MAINTENANCE_SANITIZE "Build with the address and undefined-behaviour sanitizers" OFF)
+option(MAINTENANCE_COVERAGE "Count how often each line of the product is executed" OFF)
 
 add_library(maintenance_warnings INTERFACE)
 target_compile_options(maintenance_warnings INTERFACE

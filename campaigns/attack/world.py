@@ -38,6 +38,8 @@ SWEPT_LEVELS = 3    # a machine's /root can hold whole toolchains
 GUARDED = (decoys.PRIVATE, "/Users/other", "/var/neighbour")    # with everything in them
 GUARDED_LISTINGS = ("/", "/etc", "/root", "/var", "/var/db", "/Users", "/opt", "/tmp")
 FIRST_SHOWN_INODE = 1 << 62     # of the machine's own files, which the root only shows
+PRODUCT_FILES = {content for product in (*products.ALPHA.values(), products.BETA) for package in product.packages
+                 for content in package.files.values()}
 
 
 def _content_of(path):
@@ -101,6 +103,7 @@ class Guard:
         self._system = self._library()
         self._strict = {}   # by inode: what must be there afterwards, and unchanged
         self._loose = {}    # by inode: what may be gone, but not changed
+        self._names = {}    # by inode of a directory: the names that must stay in it, and those that may
         self.add(planted)
         for path in bystanders:
             self._strict[os.lstat(path).st_ino] = (path, fingerprint(path))
@@ -119,18 +122,27 @@ class Guard:
 
     def _remember_planted(self, path, removable=True):
         """What lies in a directory of the account, or in one that all may write to, is the account's to remove;
-        what lies in any other directory is not, and neither is a directory with such things in it. Returns whether
-        there is something that has to stay."""
+        what lies in any other directory is not, and neither is a directory with such things in it. But a file with
+        a product's bytes at a product's place is the product, whoever owns its directory. Returns whether there is
+        something that has to stay."""
         status = os.lstat(path)
-        stays = not removable
+        stays = not removable and not self._is_product(path, status)
         known = fingerprint(path)
         if stat.S_ISDIR(status.st_mode):
+            known = known[:4]
+            names = os.listdir(path)
             is_open = bool(status.st_mode & stat.S_IWOTH)
-            known = known[:4] if is_open else known
-            for name in os.listdir(path):
-                stays = self._remember_planted(path + "/" + name, is_open) or stays
+            staying = {name for name in names if self._remember_planted(path + "/" + name, is_open)}
+            stays = stays or bool(staying)
+            if not is_open:
+                self._names[status.st_ino] = (staying, set(names))
         (self._strict if stays else self._loose)[status.st_ino] = (path, known)
         return stays
+
+    @staticmethod
+    def _is_product(path, status):
+        return stat.S_ISREG(status.st_mode) and not path.startswith(f"{HOME}/{products.SUPPORT}/") \
+            and _content_of(path) in PRODUCT_FILES
 
     @staticmethod
     def _library():
@@ -188,7 +200,8 @@ class Guard:
             known = self._strict.get(status.st_ino) or self._loose.get(status.st_ino)
             if known:
                 now = fingerprint(path)[:len(known[1])]
-                if now != known[1]:
+                staying, names = self._names.get(status.st_ino, (set(), None))
+                if now != known[1] or names is not None and not staying <= set(os.listdir(path)) <= names:
                     lines.append(f"another's, changed in the home: {known[0]}: {known[1]}, now {now}")
                 return
             if status.st_uid != self._owners.get(status.st_ino, runs.ACCOUNT):

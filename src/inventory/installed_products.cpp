@@ -5,6 +5,7 @@
 #include "fs/publish.h"
 #include "fs/removal.h"
 #include "receipts/products.h"
+#include "validate/invalid.h"
 
 namespace maintenance {
 
@@ -44,9 +45,12 @@ void publishProductRecord(const std::string& scope, const std::string& product, 
     text(productRecords(scope) / (product + ".record"), "product=" + product + "\nversion=" + version + "\n");
 }
 
-void aggregate(const std::string& scope)
+void aggregate(const std::string& scope, const std::set<std::string>& known)
 {
     const InstalledProducts products = receiptProducts(scope);
+    for (const std::string& product : known)
+        if (!products.contains(product))
+            throw Invalid("pkgutil cannot enumerate authoritative package receipts");
     if (somethingStandsAt(productRecords(scope)))
         removeFixedPath(productRecords(scope));
     openFixedDirectory(scope, std::string(maintenanceDirectory) + "/Products", true, true);

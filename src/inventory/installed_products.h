@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -22,8 +23,12 @@ void publishProductRecord(const std::string& scope, const std::string& product, 
 /// Rebuilds the scope's index and product records from its receipts alone. Interrupted, it leaves the
 /// previous index and some of the records; the next rebuild repairs both.
 ///
-/// throws  what receiptProducts throws, before anything is changed; what removeFixedPath, openFixedDirectory
-///         and text throw
-void aggregate(const std::string& scope);
+/// known   products that the run knows to be installed, so that one answer of the package database that
+/// leaves
+///         them out is not recorded
+/// throws  Invalid "pkgutil cannot enumerate authoritative package receipts" when one of them is not listed,
+///         what receiptProducts throws, both before anything is changed; what removeFixedPath,
+///         openFixedDirectory and text throw
+void aggregate(const std::string& scope, const std::set<std::string>& known);
 
 } // namespace maintenance

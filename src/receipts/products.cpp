@@ -36,22 +36,29 @@ std::string productFromPackage(std::string_view packageId)
     return dot == std::string_view::npos ? std::string() : std::string(remainder.substr(0, dot));
 }
 
+std::set<std::string> productsBeside(const ReceiptInventory& inventory, const std::set<std::string>& packages)
+{
+    std::set<std::string> products;
+    for (const auto& [packageId, receipt] : inventory)
+        if (!packages.contains(packageId))
+            if (std::string product = productFromPackage(packageId); !product.empty())
+                products.insert(std::move(product));
+    return products;
+}
+
 const Receipt* unusedSharedPackage(const ReceiptInventory& before, const ReceiptInventory& after,
                                    const std::set<std::string>& removed)
 {
-    ReceiptInventory others = before;
-    for (const std::string& packageId : removed) {
+    for (const std::string& packageId : removed)
         if (after.contains(packageId))
             throw Invalid("pkgutil receipt remained registered after forget");
-        others.erase(packageId);
-    }
     const auto shared = after.find(std::string(commonPackageId));
     if (shared == after.end()) {
         if (before.contains(std::string(commonPackageId)))
             throw Invalid("pkgutil cannot enumerate authoritative package receipts");
         return nullptr;
     }
-    const bool isUsed = !packageCounts(others).empty() || !packageCounts(after).empty();
+    const bool isUsed = !productsBeside(before, removed).empty() || !packageCounts(after).empty();
     return isUsed ? nullptr : &shared->second;
 }
 

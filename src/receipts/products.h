@@ -41,6 +41,11 @@ std::string productFromPackage(std::string_view packageId);
 const Receipt* unusedSharedPackage(const ReceiptInventory& before, const ReceiptInventory& after,
                                    const std::set<std::string>& removed);
 
+/// Returns the products that packages of the inventory other than `packages` belong to. Throws what
+/// productFromPackage throws.
+std::set<std::string> productsBeside(const ReceiptInventory& inventory,
+                                     const std::set<std::string>& packages);
+
 /// Returns the products that are installed natively in the scope, from its verified receipts. A product is
 /// exactly one ".vst3" and one ".au" package of byte-identical version.
 ///

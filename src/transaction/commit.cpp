@@ -142,7 +142,7 @@ void clearSource(const Descriptor& descriptor)
     const ReceiptInventory live = pkgutilReceipts(descriptor.sourceScope, false);
     removeProductPackages(descriptor, hashes, live);
     dropSharedPackage(descriptor, hashes, live);
-    aggregate(descriptor.sourceScope);
+    aggregate(descriptor.sourceScope, productsBeside(live, productPackages(descriptor)));
 }
 
 void carryForward(const Descriptor& descriptor, const PreparedState& state)
@@ -154,7 +154,7 @@ void carryForward(const Descriptor& descriptor, const PreparedState& state)
         publishProductRecord(descriptor.targetScope, product.id, product.targetVersion);
     if (descriptor.sourceScope != "none")
         clearSource(descriptor);
-    aggregate(descriptor.targetScope);
+    aggregate(descriptor.targetScope, productsBeside(live, {}));
     finishTransaction(descriptor, state);
 }
 

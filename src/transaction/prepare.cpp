@@ -4,6 +4,7 @@
 #include "fs/locks.h"
 #include "inventory/inspect.h"
 #include "receipts/products.h"
+#include "receipts/receipt_snapshot.h"
 #include "transaction/recovery.h"
 #include "transaction/snapshot.h"
 #include "transaction/transaction_directory.h"
@@ -38,9 +39,8 @@ bool isAsRecorded(const Product& product, const std::string& installedVersion)
     return product.sourceVersion == "-" || installedVersion == product.sourceVersion;
 }
 
-void requireUnchangedInstallations(const Descriptor& descriptor)
+void requireUnchangedInstallations(const Descriptor& descriptor, ProductLookup& lookup)
 {
-    ProductLookup lookup;
     for (const Product& product : descriptor.products) {
         if (const auto target = installed(lookup, descriptor.targetScope, product.id)) {
             if (!isAsRecorded(product, *target))
@@ -54,6 +54,32 @@ void requireUnchangedInstallations(const Descriptor& descriptor)
         if (!source || !isAsRecorded(product, *source))
             throw Invalid("source installation changed before maintenance");
     }
+}
+
+/// Requires the snapshot of a scope ("target" or "source") to hold the versions that were looked up. Where
+/// the package database has answered otherwise in between, nobody could restore what the snapshot says.
+void requireTrueSnapshot(const Descriptor& descriptor, const std::string& side,
+                         const InstalledProducts& products)
+{
+    const PackageContents recorded = snapshotPackages(authoritySnapshot(descriptor, side));
+    for (const Product& product : descriptor.products) {
+        const auto known = products.find(product.id);
+        for (const char* kind : {"vst3", "au"}) {
+            const auto package = recorded.find(productPackageId(product.id, kind));
+            const bool isTrue = package == recorded.end()
+                                    ? known == products.end()
+                                    : known != products.end() && package->second.version == known->second;
+            if (!isTrue)
+                throw Invalid("pkgutil receipt evidence is incomplete");
+        }
+    }
+}
+
+void requireTrueSnapshots(const Descriptor& descriptor, ProductLookup& lookup)
+{
+    requireTrueSnapshot(descriptor, "target", lookup[descriptor.targetScope]);
+    if (descriptor.sourceScope != "none")
+        requireTrueSnapshot(descriptor, "source", lookup[descriptor.sourceScope]);
 }
 
 /// An adoption takes over files that are already there, so they must be exactly the descriptor's.
@@ -79,10 +105,12 @@ void prepare(const Descriptor& descriptor)
         return;
     rejectActiveOrReplay(descriptor);
     openTransaction(descriptor, [&] {
-        requireUnchangedInstallations(descriptor);
+        ProductLookup lookup;
+        requireUnchangedInstallations(descriptor, lookup);
         snapshotScopes(descriptor);
         if (descriptor.decision == "adopt")
             requireAdoptable(descriptor);
+        requireTrueSnapshots(descriptor, lookup);
     });
 }
 

@@ -195,7 +195,7 @@ void uninstall(const Descriptor& descriptor)
                            pathsOfOthers(live, productPackages(descriptor))};
     removeProducts(descriptor, removal, live);
     removeSharedPackage(descriptor, removal, live);
-    aggregate(scope);
+    aggregate(scope, productsBeside(live, productPackages(descriptor)));
     finishTransaction(descriptor, state);
 }
 

@@ -29,7 +29,7 @@ std::filesystem::path recordsOf(const std::string& scope) { return maintenanceOf
 
 Ending aggregating(const std::string& scope)
 {
-    return endingOf([&] { aggregate(scope); });
+    return endingOf([&] { aggregate(scope, {}); });
 }
 
 /// Everything but the index and the records, for a check that nothing else changes.
@@ -263,7 +263,7 @@ TEST_P(IndexInScope, StoppedAnywhereIsTheOldOneOrTheNewOneAndIsRepairedByTheNext
         int seen = 0;
         finished = stopping(
                        changes, [&](const SystemCall&) { return seen++ == points ? killChild : 0; },
-                       [&] { aggregate(scope); }) == returned();
+                       [&] { aggregate(scope, {}); }) == returned();
         const std::string index = readFile(indexOf(scope));
         EXPECT_TRUE(finished ? index == rebuilt : index == old || index == rebuilt) << points << index;
         EXPECT_EQ(aggregating(scope), returned()) << points;
@@ -283,7 +283,7 @@ TEST_P(IndexInScope, ThatCannotBeWrittenLeavesTheOldOneAndNoTemporaryFile)
     const auto failIndex = [&](const SystemCall& call) {
         return call.text(3) == "installed-products.json" ? EIO : 0;
     };
-    EXPECT_EQ(stopping({SYS_renameat, SYS_renameat2}, failIndex, [&] { aggregate(scope); }),
+    EXPECT_EQ(stopping({SYS_renameat, SYS_renameat2}, failIndex, [&] { aggregate(scope, {}); }),
               runtimeError("cannot publish fixed metadata"));
     EXPECT_EQ(readFile(indexOf(scope)), old);
     EXPECT_EQ(namesIn(supportOf(scope)), names);

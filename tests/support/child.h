@@ -158,6 +158,16 @@ inline void becomeAccount(uid_t account)
         ::_exit(99);
 }
 
+extern "C" void __gcov_dump() __attribute__((weak));
+
+/// Leaves as if the process had never been, but for the counts of executed lines where they are kept.
+[[noreturn]] inline void leave()
+{
+    if (__gcov_dump != nullptr)
+        __gcov_dump();
+    ::_exit(0);
+}
+
 /// The child's part: does not return. The ending is sent by a system call that no test stops.
 [[noreturn]] inline void runChild(int channel, uid_t account, const std::vector<long>& stopped,
                                   const std::function<std::string()>& call)
@@ -173,7 +183,7 @@ inline void becomeAccount(uid_t account)
             ::_exit(97);
         sent += static_cast<std::size_t>(count);
     }
-    ::_exit(0);
+    leave();
 }
 
 inline std::string receiveAll(int channel)

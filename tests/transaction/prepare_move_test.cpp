@@ -600,6 +600,27 @@ TEST(PrepareMove, LooksAtTheSourceOnceMoreInsideTheTransaction)
         EXPECT_FALSE(isThere(leaseOf(scope)));
 }
 
+TEST(PrepareMove, TakesNoSnapshotThatContradictsWhatItHasLookedUp)
+{
+    const Work work = Work("system").from("user").brings(alpha, "1.0");
+    installSource(work, alpha);
+    publish(work, moveId);
+    writeFile("/tmp/newer", "version: 9\nlocation: /\n");
+    int refusals = 0;
+    for (int nth = 1; nth <= 5; ++nth) {
+        instructPkgutil("command=--pkg-info id=*.au volume=/Users/* nth=" + std::to_string(nth) +
+                        " do replace=/tmp/newer\n");
+        const Outcome outcome = prepareMove(work);
+        EXPECT_EQ(outcome.status == 0, isThere(leaseOf("user"))) << nth << ": " << outcome;
+        refusals += outcome == refused("pkgutil receipt evidence is incomplete");
+        instructPkgutil("");
+        EXPECT_EQ(prepareMove(work), succeeded()) << nth;
+        EXPECT_EQ(run({"rollback-move", "system", moveId}), succeeded()) << nth;
+        removeAll(completedOf(work));
+    }
+    EXPECT_EQ(refusals, 1);
+}
+
 TEST(PrepareMove, RefusesAReplayWhateverStandsInTheRecordsPlace)
 {
     for (const Work& work : everyKind(alpha))

@@ -1,3 +1,4 @@
+#include "inventory/installed_products.h"
 #include "support/run.h"
 #include "support/scene.h"
 
@@ -70,6 +71,22 @@ TEST(Uninstall, ThatIsResumedAndToldOfNoPackageIsNotCompleted)
     instructPkgutil("");
     EXPECT_EQ(run({"uninstall-product", "system", id}), succeeded());
     EXPECT_FALSE(isRegistered("system", plugin("alpha", "1.0").vst3.id));
+}
+
+TEST(Uninstall, RecordsNoAnswerThatLeavesOtherProductsOut)
+{
+    for (int nth = 1; nth <= 9; ++nth) {
+        removeAll("/Library/Audio");
+        removeAll(supportOf("system"));
+        const std::string id = twoProductsOfWhichOneGoes();
+        instructPkgutil("command=--pkgs= nth=" + std::to_string(nth) + " do exit=0 cut=0\n");
+        const Outcome first = run({"uninstall-product", "system", id});
+        EXPECT_TRUE(first.status == 0 || first.status == 65) << nth << ": " << first;
+        if (first.status == 0) {
+            EXPECT_TRUE(isThere(productRecords("system") / "beta.record")) << nth;
+            EXPECT_TRUE(isThere(installedProductsIndex("system"))) << nth;
+        }
+    }
 }
 
 TEST(Uninstall, ThatWasOnceToldHalfOfTheSharedPackageCanBeRunAgain)
