@@ -19,10 +19,12 @@ target_compile_options(maintenance_warnings INTERFACE
 # Hardening of the release build; the sanitizers bring their own checks and clash with fortify.
 add_library(maintenance_hardening INTERFACE)
 if(NOT MAINTENANCE_SANITIZE)
+    # Which works on optimized code only.
+    set(fortified $<NOT:$<OR:$<CONFIG:Debug>,$<BOOL:$<TARGET_PROPERTY:COMPILED_QUICKLY>>>>)
     target_compile_options(maintenance_hardening INTERFACE
         -fstack-protector-strong
-        $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
-        $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+        $<${fortified}:-U_FORTIFY_SOURCE>
+        $<${fortified}:-D_FORTIFY_SOURCE=2>)
 endif()
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
     target_link_options(maintenance_hardening INTERFACE

@@ -62,16 +62,16 @@ void requireTrueSnapshot(const Descriptor& descriptor, const std::string& side,
                          const InstalledProducts& products)
 {
     const PackageContents recorded = snapshotPackages(authoritySnapshot(descriptor, side));
-    for (const Product& product : descriptor.products) {
-        const auto known = products.find(product.id);
-        for (const char* kind : {"vst3", "au"}) {
-            const auto package = recorded.find(productPackageId(product.id, kind));
-            const bool isTrue = package == recorded.end()
-                                    ? known == products.end()
-                                    : known != products.end() && package->second.version == known->second;
-            if (!isTrue)
-                throw Invalid("pkgutil receipt evidence is incomplete");
-        }
+    for (const std::string& packageId : affectedPackages(descriptor)) {
+        if (packageId == commonPackageId)
+            continue;
+        const auto package = recorded.find(packageId);
+        const auto known = products.find(productFromPackage(packageId));
+        const bool isTrue = package == recorded.end()
+                                ? known == products.end()
+                                : known != products.end() && package->second.version == known->second;
+        if (!isTrue)
+            throw Invalid("pkgutil receipt evidence is incomplete");
     }
 }
 

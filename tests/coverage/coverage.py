@@ -18,7 +18,7 @@ def measure(build, root):
     """Returns for each file of src the lines, as number to count, and the branches, as taken and all."""
     command = ["gcovr", "--root", str(root), "--object-directory", str(build / "src"), "--filter", "src/",
                "--gcov-ignore-parse-errors", "--exclude-throw-branches", "--exclude-unreachable-branches",
-               "--merge-mode-functions=merge-use-line-min", "--json", "-", str(build / "src")]
+               "--json", "-", str(build / "src")]
     report = json.loads(subprocess.run(command, stdout=subprocess.PIPE, check=True).stdout)
     files = {}
     for file in report["files"]:
