@@ -127,7 +127,7 @@ void copyEntry(const OwnedFd& directory, const std::string& name, const FixedPla
     if (S_ISLNK(status.st_mode))
         throw Invalid("maintenance metadata contains a symbolic link");
     if (S_ISDIR(status.st_mode)) {
-        const OwnedFd entered = enterDirectory(source.scope, directory.get(), name);
+        const OwnedFd entered = enterDirectory(scopeOwner(source.scope), directory.get(), name);
         if (!entered)
             throw Invalid("maintenance metadata contains a symbolic link");
         openFixedDirectory(destination.scope, destination.relative, true, true);
