@@ -37,7 +37,7 @@ void requireReplaceable(int directory, const std::string& name, uid_t owner)
 OwnedFd createTemporary(int directory, const std::string& name, uid_t owner)
 {
     OwnedFd file(withOwnersPower(directory, owner, [&] {
-        return ::openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, metadataMode);
+        return ::openat(directory, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, metadataMode);
     }));
     if (!file)
         throw std::runtime_error("cannot create fixed metadata atomically");
