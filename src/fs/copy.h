@@ -9,9 +9,9 @@
 
 namespace maintenance {
 
-/// Copies one file that lies in a scope to a place in a scope: streams it, hashing what it writes, and
-/// publishes the copy only when it is whole and has the expected hash. The copy has mode 0600 and the owner
-/// of its scope; times and attributes are not carried.
+/// Copies one file that lies in a scope to a place in a scope: lets the kernel share or move the bytes where
+/// it can, hashes what the copy holds, and publishes it only when it is whole and has the expected hash. The
+/// copy has mode 0600 and the owner of its scope; times and attributes are not carried.
 ///
 /// expectedHash  the digest text that the content must have; nothing compares nothing
 /// throws        Invalid "transaction source is missing or unsafe"  no single-linked regular file,
@@ -24,6 +24,10 @@ namespace maintenance {
 /// After a failure the destination stands as it was.
 void copyFixed(const FixedPlace& source, const FixedPlace& destination,
                const std::optional<std::string>& expectedHash);
+
+/// Copies a file of `scope` that safeFile has opened, from its first byte, as copyFixed does without an
+/// expected hash. Throws what copyFixed throws, but for what a file that cannot be opened would give.
+void copyOpened(const OpenFile& source, const std::string& scope, const FixedPlace& destination);
 
 /// Copies one regular file between absolute paths as copyFixed does. A copy to a place outside both scopes is
 /// made beside it and renamed over it, with mode 0600.

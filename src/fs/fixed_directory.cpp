@@ -30,28 +30,25 @@ bool isPlainName(const std::string& component)
 
 /// Tells whether root is about to enter a directory that the scope's owner could not read. The owner can give
 /// such a directory, which other software left in the home, any name; what lies in it must not come out.
-bool isClosedToOwner(const std::string& scope, int directory)
+bool isClosedToOwner(uid_t owner, int directory)
 {
     constexpr mode_t open = S_IROTH | S_IXOTH;
-    const uid_t owner = scopeOwner(scope);
     struct stat status = {};
     return owner != ::geteuid() &&
            (::fstat(directory, &status) != 0 || (status.st_uid != owner && (status.st_mode & open) != open));
 }
 
 /// Opens a scope's root. A final "/" would make the system follow a link in the root's place.
-OwnedFd openScopeRoot(const std::string& scope)
+OwnedFd openScopeRoot(std::string root)
 {
-    std::string root = scopeRoot(scope);
     while (root.size() > 1 && root.back() == '/')
         root.pop_back();
     return OwnedFd(::open(root.c_str(), directoryFlags));
 }
 
 /// Makes one missing component and opens it, owned by the scope's owner and durable.
-OwnedFd createComponent(const OwnedFd& parent, const std::string& name, const std::string& scope)
+OwnedFd createComponent(const OwnedFd& parent, const std::string& name, uid_t owner)
 {
-    const uid_t owner = scopeOwner(scope);
     const int made = withOwnersPower(
         parent.get(), owner, [&] { return ::mkdirat(parent.get(), name.c_str(), createdDirectoryMode); });
     if (made != 0 && errno != EEXIST)
@@ -59,7 +56,7 @@ OwnedFd createComponent(const OwnedFd& parent, const std::string& name, const st
     OwnedFd created = walkOneDirectory(parent.get(), name);
     if (!created)
         throw Invalid("fixed maintenance directory is missing or redirected");
-    assignCreatedOwner(parent.get(), created.get(), scope);
+    assignCreatedOwner(parent.get(), created.get(), owner);
     if (!synchronize(parent.get(), Durability::Copy))
         throw std::runtime_error("cannot synchronize fixed metadata directory");
     return created;
@@ -69,20 +66,21 @@ OwnedFd createComponent(const OwnedFd& parent, const std::string& name, const st
 
 OwnedFd openFixedDirectory(const std::string& scope, std::string_view relativePath, bool create, bool check)
 {
-    OwnedFd current = openScopeRoot(scope);
+    const ScopeAccount account = scopeAccount(scope);
+    OwnedFd current = openScopeRoot(account.root);
     if (!current)
         throw Invalid("scope root is missing or unsafe");
     if (check)
-        checkDirectory(current.get(), scope);
+        checkDirectory(current.get(), account.owner);
     for (const std::string& name : components(relativePath)) {
-        OwnedFd next =
-            check ? walkOneDirectory(current.get(), name) : enterDirectory(scope, current.get(), name);
+        OwnedFd next = check ? walkOneDirectory(current.get(), name)
+                             : enterDirectory(account.owner, current.get(), name);
         if (!next && !(create && errno == ENOENT))
             throw Invalid("fixed maintenance directory is missing or redirected");
         if (!next)
-            next = createComponent(current, name, scope);
+            next = createComponent(current, name, account.owner);
         if (check)
-            checkDirectory(next.get(), scope);
+            checkDirectory(next.get(), account.owner);
         current = std::move(next);
     }
     return current;
@@ -97,10 +95,10 @@ OwnedFd walkOneDirectory(int parent, const std::string& name)
     return OwnedFd(::openat(parent, name.c_str(), directoryFlags));
 }
 
-OwnedFd enterDirectory(const std::string& scope, int parent, const std::string& name)
+OwnedFd enterDirectory(uid_t owner, int parent, const std::string& name)
 {
     OwnedFd directory = walkOneDirectory(parent, name);
-    if (directory && isClosedToOwner(scope, directory.get())) {
+    if (directory && isClosedToOwner(owner, directory.get())) {
         errno = EACCES;
         return OwnedFd();
     }
@@ -109,28 +107,28 @@ OwnedFd enterDirectory(const std::string& scope, int parent, const std::string& 
 
 OwnedFd walkFixedDirectory(const std::string& scope, std::string_view relativePath)
 {
-    OwnedFd current = openScopeRoot(scope);
+    const ScopeAccount account = scopeAccount(scope);
+    OwnedFd current = openScopeRoot(account.root);
     for (const std::string& name : components(relativePath)) {
         if (!current)
             break;
-        current = enterDirectory(scope, current.get(), name);
+        current = enterDirectory(account.owner, current.get(), name);
     }
     return current;
 }
 
-void checkDirectory(int descriptor, const std::string& scope)
+void checkDirectory(int descriptor, uid_t owner)
 {
     struct stat status = {};
     constexpr mode_t examined = S_IFMT | S_IWGRP | S_IWOTH;
     if (::fstat(descriptor, &status) != 0 || (status.st_mode & examined) != S_IFDIR)
         throw Invalid("maintenance directory ownership or mode is unsafe");
-    if (status.st_uid != scopeOwner(scope))
+    if (status.st_uid != owner)
         throw Invalid("maintenance directory ownership is unsafe");
 }
 
-void assignCreatedOwner(int directory, int descriptor, const std::string& scope)
+void assignCreatedOwner(int directory, int descriptor, uid_t owner)
 {
-    const uid_t owner = scopeOwner(scope);
     if (owner == ::getuid())
         return;
     struct stat status = {};

@@ -33,23 +33,23 @@ OwnedFd walkFixedDirectory(const std::string& scope, std::string_view relativePa
 OwnedFd walkOneDirectory(int parent, const std::string& name);
 
 /// Does the same where any owner will do, except that root does not enter a directory that the scope's owner
-/// could not read: empty, errno EACCES. Throws what invokingAccountUid throws.
-OwnedFd enterDirectory(const std::string& scope, int parent, const std::string& name);
+/// `owner` could not read: empty, errno EACCES.
+OwnedFd enterDirectory(uid_t owner, int parent, const std::string& name);
 
-/// Requires an open directory to be safe for the scope; `descriptor` is borrowed.
+/// Requires an open directory to be safe for a scope of `owner`; `descriptor` is borrowed.
 ///
 /// throws  Invalid "maintenance directory ownership or mode is unsafe"  no directory, or writable for its
 ///                                                                      group or others
-///         Invalid "maintenance directory ownership is unsafe"          not the scope's owner
-void checkDirectory(int descriptor, const std::string& scope);
+///         Invalid "maintenance directory ownership is unsafe"          another owner
+void checkDirectory(int descriptor, uid_t owner);
 
 /// Gives what this run has just created in the open directory `directory`, open as `descriptor` (both
-/// borrowed), to the scope's owner; the group stays. Does nothing where the owner is the process's real
-/// user or has it already. The change is made with the power that created it, so that a foreign object
+/// borrowed), to the scope's owner `owner`; the group stays. Does nothing where the owner is the process's
+/// real user or has it already. The change is made with the power that created it, so that a foreign object
 /// exchanged for a new directory is never given away.
 ///
 /// throws  Invalid "cannot assign fixed maintenance ownership"
-void assignCreatedOwner(int directory, int descriptor, const std::string& scope);
+void assignCreatedOwner(int directory, int descriptor, uid_t owner);
 
 /// The directory part of a relative path: everything before the last "/", or "".
 std::string_view parentOf(std::string_view relativePath);

@@ -62,11 +62,12 @@ ExaminedFile examine(OwnedFd directory, std::string name, const std::string& uns
 OwnedFd openOwnedParent(const FixedPlace& place)
 {
     OwnedFd current = openFixedDirectory(place.scope, "", false, false);
+    const uid_t owner = scopeOwner(place.scope);
     const std::string_view parent = parentOf(place.relative);
     if (parent.empty())
         return current;
     for (const std::string& name : split(parent, '/')) {
-        OwnedFd next = enterDirectory(place.scope, current.get(), name);
+        OwnedFd next = enterDirectory(owner, current.get(), name);
         if (!next)
             refuseOwnedComponent(current.get(), name);
         current = std::move(next);

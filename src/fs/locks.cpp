@@ -39,16 +39,16 @@ std::optional<struct stat> examineLock(int directory)
 }
 
 /// Creates the lock file; empty when another run created it first.
-OwnedFd createLock(int directory, const std::string& scope)
+OwnedFd createLock(int directory, uid_t owner)
 {
-    OwnedFd file(withOwnersPower(directory, scopeOwner(scope), [&] {
+    OwnedFd file(withOwnersPower(directory, owner, [&] {
         return ::openat(directory, lockName, openFlags | O_CREAT | O_EXCL, lockMode);
     }));
     if (!file && errno == EEXIST)
         return file;
     if (!file)
         throw Invalid("cannot open the maintenance lock");
-    assignCreatedOwner(directory, file.get(), scope);
+    assignCreatedOwner(directory, file.get(), owner);
     if (::fchmod(file.get(), lockMode) != 0)
         throw Invalid("cannot open the maintenance lock");
     return file;
@@ -57,7 +57,7 @@ OwnedFd createLock(int directory, const std::string& scope)
 OwnedFd openLock(int directory, const std::string& scope)
 {
     if (!examineLock(directory)) {
-        if (OwnedFd created = createLock(directory, scope))
+        if (OwnedFd created = createLock(directory, scopeOwner(scope)))
             return created;
         examineLock(directory);
     }

@@ -22,7 +22,7 @@ bool isChecked(std::string_view relative)
            relative.substr(supportDirectory.size()).starts_with('/');
 }
 
-void requireReplaceable(int directory, const std::string& name, const std::string& scope)
+void requireReplaceable(int directory, const std::string& name, uid_t owner)
 {
     struct stat status = {};
     if (::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -30,14 +30,14 @@ void requireReplaceable(int directory, const std::string& name, const std::strin
             return;
         throw Invalid("fixed metadata destination is unsafe");
     }
-    if (!S_ISREG(status.st_mode) || status.st_nlink != 1 || status.st_uid != scopeOwner(scope))
+    if (!S_ISREG(status.st_mode) || status.st_nlink != 1 || status.st_uid != owner)
         throw Invalid("fixed metadata destination is unsafe");
 }
 
 OwnedFd createTemporary(int directory, const std::string& name, uid_t owner)
 {
     OwnedFd file(withOwnersPower(directory, owner, [&] {
-        return ::openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, metadataMode);
+        return ::openat(directory, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, metadataMode);
     }));
     if (!file)
         throw std::runtime_error("cannot create fixed metadata atomically");
@@ -45,10 +45,10 @@ OwnedFd createTemporary(int directory, const std::string& name, uid_t owner)
 }
 
 /// Brings the new file from empty to published; `file` is closed before it gets its final name.
-void fillAndRename(int directory, OwnedFd file, const std::string& temporary, const FixedPlace& place,
-                   Durability durability, const std::function<void(int)>& write)
+void fillAndRename(int directory, OwnedFd file, const std::string& temporary, const std::string& name,
+                   uid_t owner, Durability durability, const std::function<void(int)>& write)
 {
-    assignCreatedOwner(directory, file.get(), place.scope);
+    assignCreatedOwner(directory, file.get(), owner);
     // The creation mode passes through the umask, which an installer script may have set to anything.
     if (::fchmod(file.get(), metadataMode) != 0)
         throw std::runtime_error("cannot write fixed metadata");
@@ -56,7 +56,7 @@ void fillAndRename(int directory, OwnedFd file, const std::string& temporary, co
     if (!synchronize(file.get(), durability))
         throw std::runtime_error("cannot synchronize fixed metadata");
     file.close();
-    if (::renameat(directory, temporary.c_str(), directory, nameOf(place.relative).c_str()) != 0)
+    if (::renameat(directory, temporary.c_str(), directory, name.c_str()) != 0)
         throw std::runtime_error("cannot publish fixed metadata");
 }
 
@@ -79,13 +79,14 @@ void publishAtomically(const FixedPlace& place, Durability durability, const std
     const OwnedFd directory =
         openFixedDirectory(place.scope, parentOf(place.relative), true, isChecked(place.relative));
     const std::string name = nameOf(place.relative);
-    requireReplaceable(directory.get(), name, place.scope);
+    const uid_t owner = scopeOwner(place.scope);
+    requireReplaceable(directory.get(), name, owner);
     if (durability == Durability::Record)
         removeLeftovers(place.scope, directory.get(), name);
     const std::string temporary = temporaryName(name);
-    OwnedFd file = createTemporary(directory.get(), temporary, scopeOwner(place.scope));
+    OwnedFd file = createTemporary(directory.get(), temporary, owner);
     try {
-        fillAndRename(directory.get(), std::move(file), temporary, place, durability, write);
+        fillAndRename(directory.get(), std::move(file), temporary, name, owner, durability, write);
     } catch (...) {
         ::unlinkat(directory.get(), temporary.c_str(), 0);
         throw;

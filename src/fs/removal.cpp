@@ -14,38 +14,37 @@ namespace maintenance {
 
 namespace {
 
-bool unlinkAsOwner(const std::string& scope, int directory, const std::string& name, int flags)
+bool unlinkAsOwner(uid_t owner, int directory, const std::string& name, int flags)
 {
-    return withOwnersPower(directory, scopeOwner(scope),
-                           [&] { return ::unlinkat(directory, name.c_str(), flags); }) == 0;
+    return withOwnersPower(directory, owner, [&] { return ::unlinkat(directory, name.c_str(), flags); }) == 0;
 }
 
 /// The scope's owner may have named another account's directory like metadata; what is in it is not ours.
-bool belongsToOwner(const std::string& scope, int directory)
+bool belongsToOwner(uid_t owner, int directory)
 {
     struct stat status = {};
-    return ::fstat(directory, &status) == 0 && status.st_uid == scopeOwner(scope);
+    return ::fstat(directory, &status) == 0 && status.st_uid == owner;
 }
 
-void removeEntry(const std::string& scope, int directory, const std::string& name, int depth);
+void removeEntry(uid_t owner, int directory, const std::string& name, int depth);
 
-void removeDirectory(const std::string& scope, int parent, const std::string& name, int depth)
+void removeDirectory(uid_t owner, int parent, const std::string& name, int depth)
 {
     const OwnedFd directory = walkOneDirectory(parent, name);
     if (!directory)
         throw Invalid("fixed mutation directory was redirected");
-    if (!belongsToOwner(scope, directory.get()))
+    if (!belongsToOwner(owner, directory.get()))
         throw Invalid("cannot remove fixed metadata directory");
     const auto entries = directoryEntries(directory.get());
     if (!entries || depth == deepestTree)
         throw Invalid("cannot enumerate fixed mutation directory");
     for (const std::string& entry : *entries)
-        removeEntry(scope, directory.get(), entry, depth + 1);
-    if (!unlinkAsOwner(scope, parent, name, AT_REMOVEDIR))
+        removeEntry(owner, directory.get(), entry, depth + 1);
+    if (!unlinkAsOwner(owner, parent, name, AT_REMOVEDIR))
         throw Invalid("cannot remove fixed metadata directory");
 }
 
-void removeEntry(const std::string& scope, int directory, const std::string& name, int depth)
+void removeEntry(uid_t owner, int directory, const std::string& name, int depth)
 {
     struct stat status = {};
     if (::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -56,20 +55,20 @@ void removeEntry(const std::string& scope, int directory, const std::string& nam
     if (S_ISLNK(status.st_mode))
         throw Invalid("fixed mutation target was redirected");
     if (S_ISREG(status.st_mode)) {
-        if (status.st_nlink != 1 || !unlinkAsOwner(scope, directory, name, 0))
+        if (status.st_nlink != 1 || !unlinkAsOwner(owner, directory, name, 0))
             throw Invalid("cannot remove unsafe fixed metadata file");
         return;
     }
     if (!S_ISDIR(status.st_mode))
         throw Invalid("fixed mutation target has a foreign file type");
-    removeDirectory(scope, directory, name, depth);
+    removeDirectory(owner, directory, name, depth);
 }
 
 } // namespace
 
 void removeTreeAt(const std::string& scope, int directory, const std::string& name)
 {
-    removeEntry(scope, directory, name, 1);
+    removeEntry(scopeOwner(scope), directory, name, 1);
 }
 
 void removeFixed(const FixedPlace& place)

@@ -31,9 +31,10 @@ uid_t invokingAccountUid()
     return *answer;
 }
 
-std::string invokingHome()
+namespace {
+
+std::string homeOf(uid_t uid)
 {
-    const uid_t uid = invokingAccountUid();
     constexpr long smallestBuffer = 1024;
     const long suggested = ::sysconf(_SC_GETPW_R_SIZE_MAX);
     std::vector<char> buffer(static_cast<std::size_t>(std::max(suggested, smallestBuffer)), '\0');
@@ -48,9 +49,21 @@ std::string invokingHome()
     return found->pw_dir;
 }
 
+} // namespace
+
+std::string invokingHome() { return homeOf(invokingAccountUid()); }
+
 std::string scopeRoot(const std::string& scope) { return scope == "user" ? invokingHome() : "/"; }
 
 uid_t scopeOwner(const std::string& scope) { return scope == "user" ? invokingAccountUid() : 0; }
+
+ScopeAccount scopeAccount(const std::string& scope)
+{
+    if (scope != "user")
+        return {"/", 0};
+    const uid_t owner = invokingAccountUid();
+    return {homeOf(owner), owner};
+}
 
 std::string oppositeScope(const std::string& scope) { return scope == "user" ? "system" : "user"; }
 

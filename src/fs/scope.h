@@ -49,6 +49,15 @@ std::string scopeRoot(const std::string& scope);
 /// for "user", else 0. Throws what invokingAccountUid throws.
 uid_t scopeOwner(const std::string& scope);
 
+/// A scope's root directory and the account that owns what the tool creates there.
+struct ScopeAccount {
+    std::string root;
+    uid_t owner;
+};
+
+/// Returns scopeRoot and scopeOwner from one look-up. Throws what invokingHome throws.
+ScopeAccount scopeAccount(const std::string& scope);
+
 /// Returns the other scope word: "system" for "user", "user" for anything else.
 std::string oppositeScope(const std::string& scope);
 

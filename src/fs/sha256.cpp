@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t blockSize = 64;
 constexpr std::size_t lengthOffset = 56;
-constexpr std::size_t hashingChunk = 16384;
+constexpr std::size_t hashingChunk = 65536;
 
 } // namespace
 
@@ -98,7 +98,7 @@ std::string sha256OfText(std::string_view text)
 std::string sha256(int descriptor, off_t size, const char* failure)
 {
     Sha256 hash;
-    alignas(blockSize) std::array<unsigned char, hashingChunk> chunk{};
+    alignas(blockSize) std::array<unsigned char, hashingChunk> chunk;
     // One byte past the examined size is asked for, so that a file that grew is noticed and never followed.
     for (off_t offset = 0;;) {
         const auto wanted = std::min<off_t>(hashingChunk, size + 1 - offset);

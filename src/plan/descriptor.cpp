@@ -28,12 +28,12 @@ constexpr std::array<const char*, 5> layout = {"Inbox", "Transactions", "Product
 
 [[noreturn]] void refuse(const char* reason) { throw Invalid(std::string(subject) + " " + reason); }
 
-/// What the lines of a descriptor have given so far.
+/// What the lines of a descriptor have given so far; the sets borrow from its text.
 struct DescriptorReader {
     Descriptor descriptor;
     std::map<std::string, std::string, std::less<>> scalars;
-    std::unordered_set<std::string> productIds;
-    std::unordered_set<std::string> paths;
+    std::unordered_set<std::string_view> productIds;
+    std::unordered_set<std::string_view> paths;
 };
 
 bool isScalarKey(std::string_view key)
@@ -43,24 +43,28 @@ bool isScalarKey(std::string_view key)
 
 void readProduct(DescriptorReader& reader, std::string_view value)
 {
-    const std::vector<std::string> fields = split(value, '\t');
-    const bool valid = fields.size() == 3 && safeId(fields[0]) &&
-                       (fields[1] == "-" || safeVersion(fields[1])) && safeVersion(fields[2]) &&
-                       reader.productIds.insert(fields[0]).second;
+    const auto fields = splitExactly<3>(value, '\t');
+    if (!fields)
+        refuse("has an invalid product");
+    const auto& [id, source, target] = *fields;
+    const bool valid = safeId(id) && (source == "-" || safeVersion(source)) && safeVersion(target) &&
+                       reader.productIds.insert(id).second;
     if (!valid)
         refuse("has an invalid product");
-    reader.descriptor.products.push_back({fields[0], fields[1], fields[2]});
+    reader.descriptor.products.push_back({std::string(id), std::string(source), std::string(target)});
 }
 
 void readTarget(DescriptorReader& reader, std::string_view value)
 {
-    const std::vector<std::string> fields = split(value, '\t');
-    if (fields.size() != 5)
+    const auto fields = splitExactly<5>(value, '\t');
+    if (!fields)
         refuse("has an invalid target file");
-    std::string path = safeRelative(fields[3]);
-    if (!safeVersion(fields[2]) || !isDigest(fields[4]) || !reader.paths.insert(path).second)
+    const auto& [product, packageId, version, path, sha256] = *fields;
+    std::string owned = safeRelative(path);
+    if (!safeVersion(version) || !isDigest(sha256) || !reader.paths.insert(path).second)
         refuse("has an invalid or duplicate file");
-    reader.descriptor.files.push_back({fields[0], fields[1], fields[2], fields[4], std::move(path)});
+    reader.descriptor.files.push_back({std::string(product), std::string(packageId), std::string(version),
+                                       std::string(sha256), std::move(owned)});
 }
 
 void readLine(DescriptorReader& reader, std::string_view text)

@@ -33,8 +33,9 @@ struct PlanReader {
     Phase phase = Phase::Header;
     /// Values of the header lines read so far, in the order of headerKeys.
     std::vector<std::string> header;
-    std::unordered_set<std::string> packageIds;
-    std::unordered_set<std::string> targetPaths;
+    /// Both borrow from the plan's text.
+    std::unordered_set<std::string_view> packageIds;
+    std::unordered_set<std::string_view> targetPaths;
 };
 
 bool isHeaderKey(std::string_view key)
@@ -55,28 +56,30 @@ void readProduct(PlanReader& reader, std::string_view value)
 {
     if (reader.phase == PlanReader::Phase::Components)
         refuse("fields are not canonical");
-    const std::vector<std::string> fields = split(value, '\t');
+    const auto fields = splitExactly<2>(value, '\t');
     auto& products = reader.plan.products;
-    const bool valid = fields.size() == 2 && safeId(fields[0]) && safeVersion(fields[1]) &&
-                       (products.empty() || fields[0] > products.back().first);
+    const bool valid = fields && safeId(fields->front()) && safeVersion(fields->back()) &&
+                       (products.empty() || fields->front() > products.back().first);
     if (!valid)
         refuse("has invalid product membership");
-    products.emplace_back(fields[0], fields[1]);
+    products.emplace_back(fields->front(), fields->back());
     reader.phase = PlanReader::Phase::Products;
 }
 
 void readComponent(PlanReader& reader, std::string_view value)
 {
-    const std::vector<std::string> fields = split(value, '\t');
+    const auto fields = splitExactly<4>(value, '\t');
+    if (!fields)
+        refuse("has invalid component order or membership");
+    const auto& [index, product, packageId, version] = *fields;
     auto& components = reader.plan.components;
-    const bool valid = fields.size() == 4 && fields[0] == std::to_string(components.size()) &&
-                       safeVersion(fields[3]) && safePackageId(fields[2]) &&
-                       !reader.packageIds.contains(fields[2]) &&
-                       (fields[1] != commonProduct || isRevision(fields[3]));
+    const bool valid = index == std::to_string(components.size()) && safeVersion(version) &&
+                       safePackageId(packageId) && reader.packageIds.insert(packageId).second &&
+                       (product != commonProduct || isRevision(version));
     if (!valid)
         refuse("has invalid component order or membership");
-    reader.packageIds.insert(fields[2]);
-    components.push_back({components.size(), fields[1], fields[2], fields[3], {}});
+    components.push_back(
+        {components.size(), std::string(product), std::string(packageId), std::string(version), {}});
     reader.phase = PlanReader::Phase::Components;
 }
 
@@ -95,16 +98,17 @@ void readTarget(PlanReader& reader, std::string_view value)
     auto& components = reader.plan.components;
     if (components.empty())
         refuse("target has no component");
-    const std::vector<std::string> fields = split(value, '\t');
-    const bool valid = fields.size() == 3 && fields[0] == std::to_string(components.size() - 1) &&
-                       isDigest(fields[2]) && isOwnedPath(fields[1]);
-    if (!valid)
+    const auto fields = splitExactly<3>(value, '\t');
+    if (!fields)
+        refuse("has an invalid target file");
+    const auto& [index, path, sha256] = *fields;
+    if (index != std::to_string(components.size() - 1) || !isDigest(sha256) || !isOwnedPath(path))
         refuse("has an invalid target file");
     auto& targets = components.back().targets;
-    const bool ascending = targets.empty() || fields[1] > targets.back().first;
-    if (!ascending || !reader.targetPaths.insert(fields[1]).second)
+    const bool ascending = targets.empty() || path > targets.back().first;
+    if (!ascending || !reader.targetPaths.insert(path).second)
         refuse("target order or ownership is invalid");
-    targets.emplace_back(fields[1], fields[2]);
+    targets.emplace_back(path, sha256);
 }
 
 void readLine(PlanReader& reader, std::string_view text)

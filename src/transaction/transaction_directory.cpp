@@ -35,20 +35,20 @@ void requireNew(int parent, const std::string& id)
 }
 
 /// Brings a transaction directory that was just made into its final state.
-void secureNewDirectory(int parent, const std::string& id, const std::string& scope)
+void secureNewDirectory(int parent, const std::string& id, uid_t owner)
 {
     const OwnedFd directory = walkOneDirectory(parent, id);
     if (!directory)
         throw Invalid("maintenance transaction was redirected during creation");
-    assignCreatedOwner(parent, directory.get(), scope);
-    checkDirectory(directory.get(), scope);
+    assignCreatedOwner(parent, directory.get(), owner);
+    checkDirectory(directory.get(), owner);
     if (!synchronize(parent, Durability::Record))
         throw Invalid("cannot create maintenance transaction securely");
 }
 
-void validateEntries(int directory, const std::string& scope, int depth);
+void validateEntries(int directory, uid_t owner, int depth);
 
-void validateEntry(int directory, const std::string& name, const std::string& scope, int depth)
+void validateEntry(int directory, const std::string& name, uid_t owner, int depth)
 {
     struct stat status = {};
     if (::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
@@ -57,22 +57,22 @@ void validateEntry(int directory, const std::string& name, const std::string& sc
         const OwnedFd entered = walkOneDirectory(directory, name);
         if (!entered)
             throw Invalid("transaction metadata contains a redirected directory");
-        checkDirectory(entered.get(), scope);
-        validateEntries(entered.get(), scope, depth + 1);
+        checkDirectory(entered.get(), owner);
+        validateEntries(entered.get(), owner, depth + 1);
         return;
     }
     if (!S_ISREG(status.st_mode) || status.st_nlink != 1 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ||
-        status.st_uid != scopeOwner(scope))
+        status.st_uid != owner)
         throw Invalid("transaction metadata contains a link or unsafe file");
 }
 
-void validateEntries(int directory, const std::string& scope, int depth)
+void validateEntries(int directory, uid_t owner, int depth)
 {
     const auto names = directoryEntries(directory);
     if (!names || depth == deepestTree)
         throw Invalid("cannot inspect transaction directory");
     for (const std::string& name : *names)
-        validateEntry(directory, name, scope, depth);
+        validateEntry(directory, name, owner, depth);
 }
 
 void publishLeases(const Descriptor& descriptor, const std::string& prepared)
@@ -141,13 +141,13 @@ void createTransactionDirectory(const Descriptor& descriptor)
     const std::string scope = authorityScope(descriptor);
     const OwnedFd parent = openFixedDirectory(scope, transactionsDirectory(), true, true);
     requireNew(parent.get(), descriptor.id);
-    const int made = withOwnersPower(parent.get(), scopeOwner(scope), [&] {
-        return ::mkdirat(parent.get(), descriptor.id.c_str(), transactionMode);
-    });
+    const uid_t owner = scopeOwner(scope);
+    const int made = withOwnersPower(
+        parent.get(), owner, [&] { return ::mkdirat(parent.get(), descriptor.id.c_str(), transactionMode); });
     if (made != 0)
         throw Invalid("cannot create maintenance transaction securely");
     try {
-        secureNewDirectory(parent.get(), descriptor.id, scope);
+        secureNewDirectory(parent.get(), descriptor.id, owner);
     } catch (...) {
         ::unlinkat(parent.get(), descriptor.id.c_str(), AT_REMOVEDIR);
         throw;
@@ -159,7 +159,7 @@ void validateTransactionDirectory(const Descriptor& descriptor)
     const std::string scope = authorityScope(descriptor);
     const OwnedFd directory =
         openFixedDirectory(scope, transactionsDirectory() + "/" + descriptor.id, false, true);
-    validateEntries(directory.get(), scope, 1);
+    validateEntries(directory.get(), scopeOwner(scope), 1);
 }
 
 void removeTransactionDirectory(const Descriptor& descriptor)

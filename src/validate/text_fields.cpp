@@ -41,14 +41,14 @@ std::optional<KeyValue> splitKeyValue(std::string_view line)
     return KeyValue{line.substr(0, equals), line.substr(equals + 1)};
 }
 
-KeyValue requireFieldLine(std::string_view line, const std::string& subject)
+KeyValue requireFieldLine(std::string_view line, std::string_view subject)
 {
     constexpr std::size_t longestLine = 8192;
     if (line.empty() || line.size() > longestLine)
-        throw Invalid(subject + " contains an invalid line");
+        throw Invalid(std::string(subject) + " contains an invalid line");
     const auto field = splitKeyValue(line);
     if (!field)
-        throw Invalid(subject + " contains an invalid field");
+        throw Invalid(std::string(subject) + " contains an invalid field");
     return *field;
 }
 

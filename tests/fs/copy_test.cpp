@@ -3,14 +3,32 @@
 #include "fs/directory_entries.h"
 #include "fs/plants.h"
 #include "fs/trouble.h"
+#include "platform/kernel_copy.h"
 #include "support/scene.h"
 
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <fcntl.h>
+#include <functional>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+
+namespace maintenance {
+
+/// What a file system that shares content between files would do; nothing plays one that does not.
+static std::function<bool(int, int)> share;
+
+// Stands in for the platform's own, which is tested by itself: whether a file system can share content is not
+// up to the test.
+bool shareContent(int from, int to) { return share && share(from, to); }
+
+ssize_t copyContent(int from, int to, std::size_t most)
+{
+    return ::copy_file_range(from, nullptr, to, nullptr, most, 0);
+}
+
+} // namespace maintenance
 
 namespace maintenance::rehearsed {
 namespace {
@@ -62,6 +80,14 @@ void expectOldCopy(const std::string& scope, const std::string& when)
 {
     EXPECT_EQ(readFile(copyOf(scope)), "old") << when;
     EXPECT_EQ(namesIn(copiesOf(scope)), Names{"copy"}) << when;
+}
+
+std::string readAllOf(int descriptor)
+{
+    std::string all(1000000, '\0');
+    all.resize(
+        static_cast<std::size_t>(std::max<ssize_t>(::pread(descriptor, all.data(), all.size(), 0), 0)));
+    return all;
 }
 
 // A file.
@@ -239,6 +265,14 @@ Ending copyingWhile(const std::vector<long>& stopped, const std::function<bool(c
     return during(stopped, once(when, change), [] { makeCopy("user", "user"); });
 }
 
+/// Decides as `decide` does on a disk where the kernel copies nothing by itself.
+Decide withoutKernel(const Decide& decide)
+{
+    return [decide](const SystemCall& call) {
+        return call.number == SYS_copy_file_range ? EXDEV : decide(call);
+    };
+}
+
 bool opensSource(const SystemCall& call) { return call.is(SYS_openat, "source"); }
 
 TEST(Copy, OfAFileExchangedBeforeItIsOpenedIsRefused)
@@ -293,9 +327,77 @@ TEST(Copy, OfAFileChangedWhileItIsCopiedIsRefused)
             const auto when = [&](const SystemCall& call) {
                 return openPath(call) == source && ++reads == nth;
             };
-            EXPECT_EQ(copyingWhile({SYS_read}, when, change), unsafeSource) << what << " " << nth;
+            EXPECT_EQ(during({SYS_read, SYS_copy_file_range}, withoutKernel(once(when, change)),
+                             [] { makeCopy("user", "user"); }),
+                      unsafeSource)
+                << what << " " << nth;
             expectOldCopy("user", what);
         }
+}
+
+TEST(Copy, OfAFileChangedWhileTheKernelCopiesItIsRefused)
+{
+    writeOldCopy("user");
+    const Path source = sourceOf("user");
+    const std::string content(600000, 'o');
+    const std::vector<std::pair<std::string, std::function<void()>>> changes = {
+        {"longer", [&] { std::ofstream(source, std::ios::app) << "more"; }},
+        {"shorter", [&] { stdfs::resize_file(source, 270000); }},
+        {"emptied", [&] { stdfs::resize_file(source, 0); }},
+        {"rewritten", [&] { writeSource("user", std::string(600000, 'n')); }},
+    };
+    for (const auto& [what, change] : changes)
+        for (const int nth : {1, 2, 3}) {
+            writeSource("user", content);
+            const std::array<timespec, 2> old = {timespec{1000000000, 0}, timespec{1000000000, 0}};
+            ASSERT_EQ(::utimensat(AT_FDCWD, source.c_str(), old.data(), 0), 0);
+            const auto when = [nth = nth](const SystemCall& call) { return call.count == nth; };
+            EXPECT_EQ(copyingWhile({SYS_copy_file_range}, when, change), unsafeSource) << what << " " << nth;
+            expectOldCopy("user", what);
+        }
+}
+
+TEST(Copy, GoesOnByItselfWhereTheKernelStops)
+{
+    std::string content(600000, 'o');
+    for (std::size_t i = 0; i < content.size(); i += 7)
+        content[i] = static_cast<char>(i);
+    writeSource("user", content);
+    const std::string hash = systemSha256(content);
+    for (const int error : {EXDEV, EIO, ENOSYS, EINTR})
+        for (const int nth : {1, 2, 3}) {
+            EXPECT_EQ(failingAt(SYS_copy_file_range, nth, error, [&] { makeCopy("user", "user", hash); }),
+                      returned());
+            EXPECT_EQ(readFile(copyOf("user")), content) << error << " " << nth;
+        }
+}
+
+TEST(Copy, ThatSharesTheContentIsHashedAndMeasuredToo)
+{
+    const std::string content(600000, 's');
+    for (const std::string& scope : scopes) {
+        writeSource(scope, content);
+        share = [](int from, int to) {
+            const std::string all = readAllOf(from);
+            return ::pwrite(to, all.data(), all.size(), 0) == static_cast<ssize_t>(all.size());
+        };
+        EXPECT_EQ(copying(scope, scope), returned());
+        EXPECT_EQ(readFile(copyOf(scope)), content);
+        EXPECT_EQ(copying(scope, scope, systemSha256(content)), returned());
+        writeOldCopy(scope);
+        EXPECT_EQ(copying(scope, scope, systemSha256("other")), wrongHash);
+        expectOldCopy(scope, "another content");
+        share = [](int, int to) { return ::pwrite(to, "short", 5, 0) == 5; };
+        EXPECT_EQ(copying(scope, scope), unsafeSource);
+        expectOldCopy(scope, "another size");
+        share = [&](int, int to) {
+            writeSource(scope, std::string(600000, 'n'));
+            return ::pwrite(to, content.data(), content.size(), 0) == 600000;
+        };
+        EXPECT_EQ(copying(scope, scope), unsafeSource);
+        expectOldCopy(scope, "changed meanwhile");
+        share = nullptr;
+    }
 }
 
 TEST(Copy, OfAFileThatNeverStopsGrowingIsNotFollowed)
@@ -308,8 +410,13 @@ TEST(Copy, OfAFileThatNeverStopsGrowingIsNotFollowed)
             std::ofstream(sourceOf("user"), std::ios::app) << std::string(65536, 'g');
         return 0;
     };
-    EXPECT_EQ(during({SYS_read}, grow, [] { makeCopy("user", "user"); }), unsafeSource);
+    EXPECT_EQ(during({SYS_read, SYS_copy_file_range}, withoutKernel(grow), [] { makeCopy("user", "user"); }),
+              unsafeSource);
     EXPECT_LE(reads, 2);
+    reads = 0;
+    writeSource("user", "small");
+    EXPECT_EQ(during({SYS_read, SYS_copy_file_range}, grow, [] { makeCopy("user", "user"); }), unsafeSource);
+    EXPECT_LE(reads, 3);
     expectOldCopy("user", "");
 }
 
@@ -326,10 +433,19 @@ TEST(Copy, HashesWhatItWritesAndNotWhatItCouldReadTwice)
         return 0;
     };
     const std::string hash = systemSha256(std::string(150000, 'o'));
-    EXPECT_EQ(during({SYS_openat, SYS_read, SYS_pread64}, count, [&] { makeCopy("user", "user", hash); }),
+    EXPECT_EQ(during({SYS_openat, SYS_read, SYS_pread64, SYS_copy_file_range}, withoutKernel(count),
+                     [&] { makeCopy("user", "user", hash); }),
               returned());
     EXPECT_EQ(opened, 1);
     EXPECT_EQ(asked, 4u);
+    // Where the kernel copies, only the copy is read; the last reading proves the end of the source.
+    opened = 0;
+    asked = 0;
+    EXPECT_EQ(during({SYS_openat, SYS_read, SYS_pread64, SYS_copy_file_range}, count,
+                     [&] { makeCopy("user", "user", hash); }),
+              returned());
+    EXPECT_EQ(opened, 1);
+    EXPECT_EQ(asked, 2u);
 }
 
 // What the system refuses.
@@ -346,7 +462,9 @@ TEST(Copy, OfAFileThatCannotBeOpenedOrReadIsRefused)
             const auto read = [&](const SystemCall& call) {
                 return openPath(call) == sourceOf("user") && ++reads == nth ? error : 0;
             };
-            EXPECT_EQ(during({SYS_read}, read, [] { makeCopy("user", "user"); }), unreadableSource);
+            EXPECT_EQ(during({SYS_read, SYS_copy_file_range}, withoutKernel(read),
+                             [] { makeCopy("user", "user"); }),
+                      unreadableSource);
         }
         expectOldCopy("user", "");
     }
@@ -359,8 +477,10 @@ TEST(Copy, ThatCannotBeWrittenKeepsTheOldOneAndLeavesNothing)
         writeOldCopy(scope);
         const auto call = [&] { makeCopy(scope, scope); };
         for (const int error : {EIO, ENOSPC, EINTR}) {
-            for (const int nth : {1, 3})
-                EXPECT_EQ(failingAt(SYS_write, nth, error, call), notWritten);
+            for (const int nth : {1, 3}) {
+                const auto decide = [=](const SystemCall& made) { return made.count == nth ? error : 0; };
+                EXPECT_EQ(during({SYS_write, SYS_copy_file_range}, withoutKernel(decide), call), notWritten);
+            }
             EXPECT_EQ(failingAt(SYS_fsync, 1, error, call),
                       runtimeError("cannot synchronize fixed metadata"));
             EXPECT_EQ(failingAt(SYS_renameat, 1, error, call), runtimeError("cannot publish fixed metadata"));
@@ -390,8 +510,8 @@ TEST(Copy, FromOneDiskToAnotherSucceeds)
 
 TEST(Copy, LeavesOldOrNewContentWhateverSystemCallFails)
 {
-    const std::vector<long> stopped = {SYS_openat,   SYS_fchmod, SYS_write,      SYS_fsync,
-                                       SYS_renameat, SYS_read,   SYS_newfstatat, SYS_fstat};
+    const std::vector<long> stopped = {SYS_openat,   SYS_fchmod, SYS_copy_file_range, SYS_fsync,
+                                       SYS_renameat, SYS_read,   SYS_newfstatat,      SYS_fstat};
     writeSource("user");
     writeOldCopy("user");
     eachMeeting(
@@ -410,7 +530,7 @@ TEST(Copy, KilledAtAnySystemCallLeavesNothingThatTheNextOneRefuses)
     for (const std::string& scope : scopes) {
         writeSource(scope);
         eachMeeting(
-            killChild, {SYS_openat, SYS_write, SYS_fsync, SYS_fchmod, SYS_renameat},
+            killChild, {SYS_openat, SYS_copy_file_range, SYS_fsync, SYS_fchmod, SYS_renameat},
             [&] { makeCopy(scope, scope); },
             [&](const Ending& ending, const SystemCall& met) {
                 EXPECT_EQ(ending, (Ending{"signal", "9"}));

@@ -370,12 +370,12 @@ TEST(DirectoryCheck, LooksAtTypeModeAndOwnerOfTheOpenObject)
     makeDirectories("/tmp/dir");
     const auto checking = [](const std::string& path, const std::string& scope) {
         const OwnedFd opened(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        return endingOf([&] { checkDirectory(opened.get(), scope); });
+        return endingOf([&] { checkDirectory(opened.get(), scopeOwner(scope)); });
     };
     EXPECT_EQ(checking("/tmp/file", "system"), unsafeMode);
     EXPECT_EQ(checking("/tmp/dir", "system"), returned());
     EXPECT_EQ(checking("/tmp/dir", "user"), unsafeOwner);
-    EXPECT_EQ(endingOf([] { checkDirectory(-1, "system"); }), unsafeMode);
+    EXPECT_EQ(endingOf([] { checkDirectory(-1, scopeOwner("system")); }), unsafeMode);
     setOwner("/tmp/dir", playerUid);
     EXPECT_EQ(checking("/tmp/dir", "user"), returned());
     EXPECT_EQ(checking("/tmp/dir", "system"), unsafeOwner);
@@ -386,7 +386,7 @@ TEST(CreatedOwner, IsTheScopesOwner)
     makeDirectories("/Users/player/new", {playerUid, 0755});
     const OwnedFd home(::open("/Users/player", O_RDONLY | O_CLOEXEC));
     const OwnedFd made(::open("/Users/player/new", O_RDONLY | O_CLOEXEC));
-    EXPECT_EQ(endingOf([&] { assignCreatedOwner(home.get(), made.get(), "user"); }), returned());
+    EXPECT_EQ(endingOf([&] { assignCreatedOwner(home.get(), made.get(), scopeOwner("user")); }), returned());
     EXPECT_EQ(describe("/Users/player/new"), "dir 501 0755");
 }
 
@@ -395,7 +395,7 @@ TEST(CreatedOwner, IsGivenByRootWhereTheDirectoryAboveIsRoots)
     makeDirectories("/opt/above/new");
     const OwnedFd above(::open("/opt/above", O_RDONLY | O_CLOEXEC));
     const OwnedFd made(::open("/opt/above/new", O_RDONLY | O_CLOEXEC));
-    EXPECT_EQ(endingOf([&] { assignCreatedOwner(above.get(), made.get(), "user"); }), returned());
+    EXPECT_EQ(endingOf([&] { assignCreatedOwner(above.get(), made.get(), scopeOwner("user")); }), returned());
     EXPECT_EQ(describe("/opt/above/new"), "dir 501 0755");
 }
 
@@ -405,7 +405,7 @@ TEST(CreatedOwner, IsNotGivenWhereOthersCouldHaveExchangedIt)
     setMode("/opt/above", 0777);
     const OwnedFd above(::open("/opt/above", O_RDONLY | O_CLOEXEC));
     const OwnedFd made(::open("/opt/above/new", O_RDONLY | O_CLOEXEC));
-    EXPECT_EQ(endingOf([&] { assignCreatedOwner(above.get(), made.get(), "user"); }),
+    EXPECT_EQ(endingOf([&] { assignCreatedOwner(above.get(), made.get(), scopeOwner("user")); }),
               invalid("cannot assign fixed maintenance ownership"));
     EXPECT_EQ(describe("/opt/above/new"), "dir 0 0755");
 }
@@ -417,7 +417,7 @@ TEST(CreatedOwner, ThatCannotBeAssignedIsReported)
                         [] {
                             const OwnedFd above(::open("/tmp", O_RDONLY | O_CLOEXEC));
                             const OwnedFd made(::open("/tmp/new", O_RDONLY | O_CLOEXEC));
-                            assignCreatedOwner(above.get(), made.get(), "system");
+                            assignCreatedOwner(above.get(), made.get(), scopeOwner("system"));
                         }),
               notAssigned);
     EXPECT_EQ(describe("/tmp/new"), "dir 501 0755");
