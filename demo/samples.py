@@ -174,6 +174,12 @@ class Workshop:
         descriptor.write_text(self.descriptor(release, source="user", decision="replace"))
         self._build_product(release, out, "system", ["--descriptor", descriptor])
 
+    def hand_out_driver(self, directory):
+        """Puts what installs without a person into a directory that every account can reach."""
+        for name in ("install-product", "scripts/installation.sh"):
+            (directory / name).parent.mkdir(exist_ok=True)
+            shutil.copy(PACKAGING / name, directory / name)
+
     def build_all(self, jobs):
         """Runs jobs side by side; each is a function and its arguments."""
         with ThreadPoolExecutor(max_workers=os.cpu_count()) as pool:
