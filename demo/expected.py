@@ -36,6 +36,7 @@ class Scope:
     inbox: list = field(default_factory=list)
     completed: list = field(default_factory=list)
     pending: bool = False
+    job: bool = False  # whether the finishing job of an installation lies ready
     active: str = ""  # identifier of the transaction that holds the lease
     bookkeeping: bool = False  # whether the tool has ever worked here
     differing: dict = field(default_factory=dict)  # relative path to (mode, SHA-256) of what is not as packaged
@@ -92,6 +93,10 @@ class Scope:
             self.add(files, PLAN, 0o644, text=self.workshop.plan(self.planned))
         if self.bookkeeping:
             self.add_bookkeeping(files)
+        if self.job:
+            for name, mode in {"finish-installation": 0o755, "installation.sh": 0o755, "placed": 0o644,
+                               "settings": 0o644}.items():
+                self.add(files, f"{SUPPORT}/Finishing/{name}", mode)
         for path, (mode, digest) in self.differing.items():
             files[path] = (self.owner[0], VARIES, mode, digest)
         return files

@@ -9,6 +9,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
+PACKAGING = HERE.parent / "packaging/macos"
 NAMES = {"heron": "TP Heron", "ibis": "TP Ibis"}
 PREFIX = "com.tamarindpelican.pkg."
 
@@ -157,19 +158,27 @@ class Workshop:
         """Builds the package of one component, once."""
         out = self.work / f"{package}-{version}.pkg"
         if not out.exists():
-            self._build_package(self.tree(package, version), package, version, out)
+            self._script("build-component", "--root", self.tree(package, version), "--identifier", package,
+                         "--version", version, "--out", self.work)
         return out
 
-    def installer(self, release, out):
+    def installer(self, release, out, scope="user", wait=60):
         """Builds a product archive that installs a release under the control of its plan."""
-        scripts = self._scripts(out, "preinstall-begin", "transaction-plan.tpmp", self.plan(release))
-        self._build_product(release, scripts, out)
+        plan = self._parts(out) / "transaction-plan.tpmp"
+        plan.write_text(self.plan(release))
+        self._build_product(release, out, scope, ["--plan", plan, "--wait", wait])
 
     def mover(self, release, descriptor_id, out):
         """Builds a product archive that moves an installed release from the home to the system scope."""
-        text = self.descriptor(release, source="user", decision="replace")
-        scripts = self._scripts(out, "preinstall-move", f"{descriptor_id}.tpmt", text)
-        self._build_product(release, scripts, out)
+        descriptor = self._parts(out) / f"{descriptor_id}.tpmt"
+        descriptor.write_text(self.descriptor(release, source="user", decision="replace"))
+        self._build_product(release, out, "system", ["--descriptor", descriptor])
+
+    def hand_out_driver(self, directory):
+        """Puts what installs without a person into a directory that every account can reach."""
+        for name in ("install-product", "scripts/installation.sh"):
+            (directory / name).parent.mkdir(exist_ok=True)
+            shutil.copy(PACKAGING / name, directory / name)
 
     def build_all(self, jobs):
         """Runs jobs side by side; each is a function and its arguments."""
@@ -177,41 +186,25 @@ class Workshop:
             for running in [pool.submit(*job) for job in jobs]:
                 running.result()
 
-    def _scripts(self, out, preinstall, name, text):
-        scripts = self.work / f"{out.stem}.scripts"
-        scripts.mkdir()
-        shutil.copy(HERE / "scripts" / preinstall, scripts / "preinstall")
-        shutil.copy(self.build / "TamarindPelicanMaintenance", scripts / "TamarindPelicanMaintenance")
-        (scripts / name).write_text(text)
-        return scripts
-
-    def _build_package(self, tree, identifier, version, out, options=()):
-        tool = self.build / "rehearsal/build-package"
-        run([tool, "--root", tree, "--identifier", identifier, "--version", version, *options, out])
-
-    def _build_script_package(self, scripts, out):
-        """Builds a package of scripts alone; without a payload it leaves no receipt."""
-        flat = self.work / f"{scripts.stem}.flat"
-        (flat / "nothing").mkdir(parents=True)
-        whole = flat / "whole.pkg"
-        self._build_package(flat / "nothing", "com.tamarindpelican.begin", "1", whole, ["--scripts", scripts])
-        run(["bsdtar", "-xf", whole, "-C", flat, "PackageInfo", "Scripts"])
-        run(["bsdtar", "--format=xar", "-cf", out, "-C", flat, "PackageInfo", "Scripts"])
-
-    def _build_product(self, release, scripts, out):
+    def _parts(self, out):
+        """A new directory for what goes into one product archive."""
         parts = self.work / f"{out.stem}.parts"
         parts.mkdir()
-        self._build_script_package(scripts, parts / "begin.pkg")
-        names = ["begin.pkg"]
-        for package, _, version in release.components:
-            built = self.component_package(package, version)
-            (parts / built.name).symlink_to(built)
-            names.append(built.name)
-        references = "".join(f'    <pkg-ref id="{Path(name).stem}">#{name}</pkg-ref>\n' for name in names)
-        distribution = self.work / f"{out.stem}.distribution"
-        distribution.write_text(f'<installer-gui-script minSpecVersion="2">\n{references}</installer-gui-script>\n')
-        tool = self.build / "rehearsal/build-product"
-        run([tool, "--distribution", distribution, "--package-path", parts, out])
+        return parts
+
+    def _build_product(self, release, out, scope, begin):
+        parts = self.work / f"{out.stem}.parts"
+        self._script("build-begin", "--scope", scope, "--tool", self.build / "TamarindPelicanMaintenance",
+                     *begin, "--out", parts)
+        components = [self.component_package(package, version) for package, _, version in release.components]
+        self._script("build-product", "--scope", scope, "--title", out.stem, "--identifier",
+                     f"com.tamarindpelican.{release.product}", "--version", release.version, "--out", out,
+                     parts / "com.tamarindpelican.begin-1.pkg", *components)
+
+    def _script(self, name, *words):
+        """Runs a script that ships, with the platform's package builders or, first, their stand-ins."""
+        searched = f"{self.build / 'rehearsal'}:{os.environ.get('PATH', os.defpath)}"
+        run([PACKAGING / name, *words], {**os.environ, "PATH": searched})
 
 
 def compile_program(source, out, options, macros):
@@ -220,9 +213,9 @@ def compile_program(source, out, options, macros):
     run([os.environ.get("CXX", "c++"), "-O1", "-s", *options, *defined, source, "-o", out])
 
 
-def run(words):
+def run(words, environment=None):
     """Runs a step of the preparation, which is told only when it fails."""
-    done = subprocess.run([str(word) for word in words], capture_output=True, text=True)
+    done = subprocess.run([str(word) for word in words], capture_output=True, text=True, env=environment)
     if done.returncode != 0:
         raise SystemExit(f"{words[0]} failed with status {done.returncode}:\n{done.stdout}{done.stderr}")
 

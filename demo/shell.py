@@ -6,7 +6,7 @@ import sys
 from pathlib import Path
 
 from samples import TOOL, Release, Workshop
-from stage import HOME, VARIABLES
+from stage import HOME, JOB_LOG, VARIABLES
 
 PACKAGES = Path("/packages")
 HERON_1_0 = Release("heron", "1.0.0", "1")
@@ -29,10 +29,11 @@ at the console and has the maintenance tool and a plan in its home. The packages
 
   as-player "$TOOL" begin-install user           the plan becomes a descriptor, an identifier is printed
   as-player "$TOOL" inspect user "$(last-id)"    what the descriptor calls for
+  as-player ./install-product user "TP Heron 1.0.0.pkg"
+                                                 runs the installer, then commit-move, or rollback-move if it failed
   as-player installer -pkg "TP Heron 1.0.0.pkg" -target {HOME}
-                                                 begins and prepares by itself; see /var/log/install.log
-  as-player "$TOOL" commit-move user "$(last-id)"
-  as-player "$TOOL" rollback-move user "$(last-id)"     instead, when an installation failed
+                                                 as a double click does; see /var/log/install.log and $JOB_LOG
+  launchctl restart-machine                      cuts the power and starts again
   pkgutil --volume {HOME} --pkgs        what the package database knows
 
   installer -pkg "TP Heron 1.1.0.pkg" ...        an upgrade; "TP Ibis 1.0.0.pkg" is a second product
@@ -53,6 +54,7 @@ def furnish(build):
         workshop.stage(release)
     for release in releases:
         workshop.installer(release, PACKAGES / f"{release.name} {release.version}.pkg")
+    workshop.hand_out_driver(PACKAGES)
     descriptor = PACKAGES / "remove-heron.tpmt"
     descriptor.write_text(workshop.descriptor(HERON_1_0, target="user"))
 
@@ -80,6 +82,7 @@ def main():
         **os.environ,
         "HOME_OF_PLAYER": HOME,
         "TOOL": tool,
+        "JOB_LOG": JOB_LOG,
         "INBOX": f"{os.path.dirname(tool)}/Maintenance/Inbox",
         "PATH": "/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
         "PS1": r"rehearsal:\w\$ ",

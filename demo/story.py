@@ -6,7 +6,7 @@ from pathlib import Path
 
 from expected import MAINTENANCE, Scope
 from samples import NAMES, PREFIX, UPDATER, Release, Workshop, sha256
-from stage import HOME, VARIABLES, NotAsAnnounced, Stage, abbreviated, shortened
+from stage import HOME, VARIABLES, NotAsAnnounced, Stage, abbreviated, seat, shortened
 
 # An installer brings a product at a version and the shared package at a revision.
 HERON_1_0 = Release("heron", "1.0.0", "1")
@@ -16,21 +16,26 @@ HERON_REISSUED = Release("heron", "1.0.0", "9")
 IBIS_1_0 = Release("ibis", "1.0.0", "1")
 IBIS_MOVED = Release("ibis", "1.0.0", "3")
 
-HOME_TARGET = "CurrentUserHomeDirectory"
 PKGUTIL_RULES = Path("/etc/pkgutil-stand-in.conf")
 INSTALLER_RULES = Path("/etc/installer-stand-in.conf")
 KILL_THE_CALLER = "before=\"kill -KILL $(cut -d' ' -f4 /proc/$PPID/stat)\""
 
 
-def begun(status):
-    """What the script that runs before the payload adds to the installation log."""
-    return ["begin-install: install-...", f'inspect: {{"status":"{status}"}}', "prepare-move: done"]
+# A death of the power: the job's whole process group is gone, the maintenance tool that it runs included.
+KILL_THE_JOB = 'before="kill -KILL 0"'
+COMMITTED = "committed: install-..."
+RESTORED = "not installed, what was there before is back: "
+
+
+def begun(status, first="begin-install: install-...", job="left to the driver"):
+    """What the scripts that run before and after the payload add to the installation log."""
+    return [first, f'inspect: {{"status":"{status}"}}', "prepare-move: done", f"finishing job: {job}"]
 
 
 class Story:
     def __init__(self, build):
         self.packages = Path("/packages")
-        self.packages.mkdir()
+        self.packages.mkdir(mode=0o755)
         self.stage = Stage(self.packages)
         self.workshop = Workshop(build, "/workshop")
         self.user = Scope("user", self.workshop)
@@ -71,6 +76,7 @@ class Story:
             maintenance tool and an updater. The scripts' package carries the tool and the plan of the installation.
             """)
         releases = [HERON_1_0, HERON_1_1, HERON_1_2, HERON_REISSUED, IBIS_1_0, IBIS_MOVED]
+        shop.hand_out_driver(self.packages)
         for release in releases:
             shop.stage(release)
         components = {(package, version) for release in releases for package, _, version in release.components}
@@ -89,36 +95,34 @@ class Story:
     def archive_listing(self, release):
         names = [f"{package}-{version}.pkg" for package, _, version in release.components]
         listing = ["Distribution"]
-        for name in sorted([*names, "begin.pkg"]):
+        for name in sorted([*names, "com.tamarindpelican.begin-1.pkg"]):
             listing += [name, f"{name}/PackageInfo"]
-            listing += [f"{name}/Scripts"] if name == "begin.pkg" else [f"{name}/Payload"]
+            listing += [f"{name}/Scripts"] if ".begin-" in name else [f"{name}/Payload"]
         return listing
 
     def clean_installation(self):
         stage, user = self.stage, self.user
-        stage.step("A clean installation in the home", """
+        stage.step("A clean installation in the home, without a person", """
             The installer runs as the account itself. Before it places any payload, the script of its first package
             places tool and plan and runs begin-install, inspect (the answer is "clean") and prepare-move. Nothing is
             final until commit-move has proved the installed files, after the installer has ended: the receipts are
-            the last thing that the installer writes.
+            the last thing that the installer writes. The driver, install-product, runs one after the other.
             """)
-        started = stage.install("player", "TP Heron 1.0.0.pkg", HOME_TARGET, begun("clean"))
+        started = stage.install("player", "user", "TP Heron 1.0.0.pkg", begun("clean"), COMMITTED)
         user.installed["heron"] = user.shared = user.planned = HERON_1_0
         user.bookkeeping = True
-        self.open_attempt(started)
-        user.indexed = user.recorded = {}
-        user.check(stage)
-        self.commit(started)
+        self.committed(started)
         user.load(stage, HERON_1_0)
 
     def second_product(self):
         stage, user = self.stage, self.user
-        stage.step("A second product beside it", """
-            TP Ibis joins TP Heron. Both use the shared package.
+        stage.step("A second product beside it, by double click", """
+            TP Ibis joins TP Heron. Nobody runs commit-move afterwards, so the package leaves a finishing job behind,
+            a launch agent. It waits for the receipts, commits, and removes itself.
             """)
-        started = stage.install("player", "TP Ibis 1.0.0.pkg", HOME_TARGET, begun("clean"))
+        started = stage.open_package("player", "TP Ibis 1.0.0.pkg", begun("clean", job="started"), job=[COMMITTED])
         user.installed["ibis"] = user.planned = IBIS_1_0
-        self.commit(started)
+        self.committed(started)
         user.load(stage, IBIS_1_0)
 
     def upgrade(self):
@@ -128,9 +132,9 @@ class Story:
             away what the new package lacks; had it left the file there, commit-move would remove it, provided that it
             is still what it was when the upgrade was prepared.
             """)
-        started = stage.install("player", "TP Heron 1.1.0.pkg", HOME_TARGET, begun("upgrade"))
+        started = stage.install("player", "user", "TP Heron 1.1.0.pkg", begun("upgrade"), COMMITTED)
         user.installed["heron"] = user.shared = user.planned = HERON_1_1
-        self.commit(started)
+        self.committed(started)
         user.load(stage, HERON_1_1)
 
     def repair(self):
@@ -144,23 +148,23 @@ class Story:
                               "status=none"], changes=1)
         user.differing = {module: (0o755, sha256(f"{HOME}/{module}"))}
         user.check(stage)
-        started = stage.install("player", "TP Heron 1.1.0.pkg", HOME_TARGET, begun("repair"))
+        started = stage.install("player", "user", "TP Heron 1.1.0.pkg", begun("repair"), COMMITTED)
         user.differing = {}
-        self.commit(started)
+        self.committed(started)
         user.load(stage, HERON_1_1)
 
     def failed_installation(self):
         stage, user = self.stage, self.user
         stage.step("An installation fails half-way and is rolled back", """
             The upgrade to 1.2.0 stops after half of its files: a bundle of the new version beside a component of the
-            old one, and old receipts. rollback-move restores the bytes that were there before. Restored files have
-            mode 0600 until the packages are installed again.
+            old one, and old receipts. The driver runs rollback-move, which restores the bytes that were there before.
+            Restored files have mode 0600 until the packages are installed again.
             """)
         INSTALLER_RULES.write_text("stop-after=half\n")
-        started = stage.install("player", "TP Heron 1.2.0.pkg", HOME_TARGET, begun("upgrade"), status=1,
+        started = stage.install("player", "user", "TP Heron 1.2.0.pkg", begun("upgrade")[:3],
+                                RESTORED + "the installer failed", status=1,
                                 error=["installer: The install was stopped half-way."])
         INSTALLER_RULES.unlink()
-        stage.tool("player", "rollback-move", "user", started)
         user.planned = HERON_1_2
         user.inbox.append(started)
         user.completed.append(started)
@@ -178,26 +182,29 @@ class Story:
 
     def killed_run(self):
         stage, user = self.stage, self.user
-        stage.step("A run is killed in the middle, and the next one finishes it", """
-            The upgrade to 1.2.0 once more. This time the installer succeeds, but commit-move is killed from outside
-            (SIGKILL, when it asks pkgutil for the receipts a second time): the product's record is new already, the
-            index is not. The lease, ActiveTransaction, keeps every other installation out. Then commit-move runs
-            again.
+        stage.step("The power fails, twice, and the next installer ends what was open", """
+            The upgrade to 1.2.0 once more, now from afar: nobody has a session, so the finishing job begins at the
+            next login. There, commit-move is cut off in the middle (SIGKILL for the job and all that it runs, when
+            pkgutil is asked for the receipts a second time): the product's record is new already, the index is not.
+            The lease, ActiveTransaction, keeps every other transaction out.
             """)
-        started = stage.install("player", "TP Heron 1.2.0.pkg", HOME_TARGET, begun("upgrade"))
-        PKGUTIL_RULES.write_text(f"command=--pkgs= nth=2 do {KILL_THE_CALLER}\n")
-        stage.tool("player", "commit-move", "user", started, status=-9)
+        seat(None)
+        started = stage.open_package("player", "TP Heron 1.2.0.pkg",
+                                     begun("upgrade", job="begins at the next login or start"))
+        PKGUTIL_RULES.write_text(f"command=--pkgs= nth=2 do {KILL_THE_JOB}\n")
+        stage.restart(501, job=[])
         PKGUTIL_RULES.unlink()
         user.installed["heron"] = user.shared = user.planned = HERON_1_2
         user.differing = {}
         self.open_attempt(started)
         user.indexed = {"heron": "1.1.0", "ibis": "1.0.0"}
         user.check(stage)
-        stage.install("player", "TP Ibis 1.0.0.pkg", HOME_TARGET, status=1, changes=0,
-                      log=["pending installation attempt is bound to another plan"],
-                      error=[refused_before("65")])
-        self.commit(started)
         user.load(stage, HERON_1_2)
+        stage.say("\nThen somebody runs the old installer of TP Heron 1.0.0. It is refused, but its script first ends what\n"
+                  "is open.")
+        self.refused("TP Heron 1.0.0.pkg", "installed common package revision is newer; common downgrade is refused",
+                     "A newer version is already installed.", earlier=[COMMITTED])
+        self.committed(started)
 
     def refused_downgrade(self):
         stage, user = self.stage, self.user
@@ -205,34 +212,39 @@ class Story:
             First the old installer of TP Heron 1.0.0, whose shared package is older too; then one that was made anew,
             with a newer shared package. Neither changes anything.
             """)
-        stage.install("player", "TP Heron 1.0.0.pkg", HOME_TARGET, status=1, changes=0,
-                      log=["installed common package revision is newer; common downgrade is refused"],
-                      error=[refused_before("65")])
-        stage.install("player", "TP Heron 1.0.0 reissued.pkg", HOME_TARGET, status=1, changes=0,
-                      log=["target-side downgrade is refused"], error=[refused_before("65")])
+        self.refused("TP Heron 1.0.0.pkg", "installed common package revision is newer; common downgrade is refused",
+                     "A newer version is already installed.", changes=0)
+        self.refused("TP Heron 1.0.0 reissued.pkg", "target-side downgrade is refused",
+                     "A newer version is already installed.", changes=0)
         user.check(stage)
+
+    def refused(self, package, message, advice, earlier=(), **expected):
+        """An installer whose begin-install is refused; `earlier` is what its script says before."""
+        self.stage.install("player", "user", package,
+                           [*earlier, f"begin-install refused (status 65): {message}", advice],
+                           "Nothing was installed, and nothing was changed.", status=1,
+                           error=[refused_before("65")], **expected)
 
     def tampered_file(self):
         stage, user = self.stage, self.user
         module = f"{HERON_1_2.bundles['au']}/Contents/MacOS/TP Heron"
         stage.step("A tampered file is never accepted", """
-            TP Heron 1.2.0 is installed again, and between the installer and commit-move somebody changes one of its
-            files. commit-move refuses, puts back the bytes of before and gives up the lease. Running the installer
-            again continues the same transaction.
+            TP Heron 1.2.0 is installed again, from afar, and before the finishing job begins somebody changes one of
+            its files. commit-move refuses and puts back the bytes of before, and the job closes the transaction.
+            Running the installer again repairs the installation.
             """)
-        started = stage.install("player", "TP Heron 1.2.0.pkg", HOME_TARGET, begun("repair"))
+        seat(None)
+        started = stage.open_package("player", "TP Heron 1.2.0.pkg",
+                                     begun("repair", job="begins at the next login or start"))
         stage.play("player", ["dd", "if=/dev/urandom", f"of={HOME}/{module}", "bs=16", "count=1", "seek=64",
                               "conv=notrunc", "status=none"], changes=1)
-        stage.tool("player", "commit-move", "user", started, status=65,
-                   error=["native package receipt inventory is not exact"])
-        self.open_attempt(started)
-        user.active = ""
+        stage.restart(501, job=[RESTORED + "native package receipt inventory is not exact"])
+        self.closed(started)
         user.differing = {module: (0o600, self.workshop.release_files(HERON_1_2)[module])}
         user.check(stage)
-        again = stage.install("player", "TP Heron 1.2.0.pkg", HOME_TARGET, begun("repair"))
-        stage.expect("transaction that is continued", again, started)
+        started = stage.install("player", "user", "TP Heron 1.2.0.pkg", begun("repair"), COMMITTED)
         user.differing = {}
-        self.commit(started, known=True)
+        self.committed(started)
 
     def move_with_shared_package_kept(self):
         stage, user, system = self.stage, self.user, self.system
@@ -242,8 +254,7 @@ class Story:
             needs the shared package in the home, so that one stays. What root writes in the home belongs to the
             account; the group is left to the system (on Linux that of the process, on macOS that of the directory).
             """)
-        stage.install("root", "Move TP Heron.pkg", "/", ['inspect: {"status":"move-required"}', "prepare-move: done"])
-        self.commit_move(HERON_1_2, "move-heron")
+        self.move("Move TP Heron.pkg", HERON_1_2)
         system.load(stage, HERON_1_2)
 
     def move_with_shared_package_dropped(self):
@@ -252,9 +263,8 @@ class Story:
             The same with TP Ibis. Now nothing in the home uses the shared package any more; it is removed there, the
             tool itself included. Empty bundle directories stay.
             """)
-        stage.install("root", "Move TP Ibis.pkg", "/", ['inspect: {"status":"move-required"}', "prepare-move: done"])
         user.shared = None
-        self.commit_move(IBIS_MOVED, "move-ibis")
+        self.move("Move TP Ibis.pkg", IBIS_MOVED)
         system.load(stage, IBIS_MOVED)
 
     def uninstall_one_of_two(self):
@@ -302,23 +312,26 @@ class Story:
         """What a transaction between prepare-move and commit-move has in the home."""
         self.user.inbox.append(transaction)
         self.user.transactions = [transaction]
-        self.user.pending = True
+        self.user.pending = self.user.job = True
         self.user.active = transaction
 
-    def commit(self, transaction, known=False):
-        """Commits an installation in the home; `known` when its descriptor has been counted already."""
+    def closed(self, transaction):
+        """What a transaction leaves in the home that was committed or rolled back."""
         user = self.user
-        self.stage.tool("player", "commit-move", "user", transaction)
         if transaction not in user.inbox:
             user.inbox.append(transaction)
         user.completed.append(transaction)
-        user.transactions, user.pending, user.active = [], False, ""
+        user.transactions, user.pending, user.job, user.active = [], False, False, ""
         user.indexed = user.recorded = None
-        user.check(self.stage)
 
-    def commit_move(self, release, descriptor):
+    def committed(self, transaction):
+        self.closed(transaction)
+        self.user.check(self.stage)
+
+    def move(self, package, release):
         user, system = self.user, self.system
-        self.stage.tool("root", "commit-move", "system", descriptor)
+        log = begun("move-required", first=f"descriptor: move-{release.product}-...")
+        descriptor = self.stage.install("root", "system", package, log, f"committed: move-{release.product}-...")
         del user.installed[release.product]
         system.installed[release.product] = system.shared = release
         system.bookkeeping = True

@@ -106,6 +106,14 @@ void putConsole(const Root& root, const std::string& console)
     putFile(root, "/run/systemd/seats/seat0", "IS_SEAT0=1\nCAN_TTY=1\nCAN_GRAPHICAL=1\n" + active, 0644);
 }
 
+// Where the programs that lie beside this one are put.
+constexpr std::pair<const char*, const char*> standInPlaces[] = {
+    {"pkgutil", "/usr/sbin/pkgutil"},  {"installer", "/usr/sbin/installer"},
+    {"pkgbuild", "/usr/bin/pkgbuild"}, {"productbuild", "/usr/bin/productbuild"},
+    {"launchctl", "/bin/launchctl"},   {"osascript", "/usr/bin/osascript"},
+    {"sysctl", "/usr/sbin/sysctl"},
+};
+
 OwnedFd openStandIn(const std::string& path)
 {
     OwnedFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -124,7 +132,10 @@ StandIns openStandIns()
         failed("cannot tell where this program lies");
     const std::string own(path, static_cast<std::size_t>(length));
     const std::string directory = own.substr(0, own.rfind('/') + 1);
-    return {openStandIn(directory + "pkgutil"), openStandIn(directory + "installer")};
+    StandIns standIns;
+    for (const auto& [name, place] : standInPlaces)
+        standIns.push_back({place, openStandIn(directory + name)});
+    return standIns;
 }
 
 void furnish(const Root& root, const StandIns& standIns, const std::string& console)
@@ -134,11 +145,14 @@ void furnish(const Root& root, const StandIns& standIns, const std::string& cons
     putAccounts(root);
     putReceipts(root);
     putConsole(root, console);
-    putProgram(root, "/usr/sbin/pkgutil", standIns.pkgutil.get());
-    putProgram(root, "/usr/sbin/installer", standIns.installer.get());
+    for (const StandIn& standIn : standIns)
+        putProgram(root, standIn.place, standIn.content.get());
     putFile(root, "/var/log/pkgutil-stand-in.log", "", 0666);
     putFile(root, "/var/log/install.log", "", 0666);
+    putFile(root, "/var/log/osascript-stand-in.log", "", 0666);
     putFile(root, "/run/pkgutil-stand-in.calls", "", 0666);
+    putFile(root, "/run/boot-session", "5A2C9A5E-7D4B-4F0F-9B0A-3D6C1E8F2B71\n", 0644);
+    putDirectory(root, "/run/launchd-stand-in", 0, 0, 01777);
     hideFile(root, "/etc/pkgutil-stand-in.conf");
     hideFile(root, "/etc/installer-stand-in.conf");
 }

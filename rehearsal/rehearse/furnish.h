@@ -3,11 +3,16 @@
 #include "common/files.h"
 #include "rehearse/mounts.h"
 
-/// The stand-ins that are copied into the root, opened before the machine's files are out of sight.
-struct StandIns {
-    OwnedFd pkgutil;
-    OwnedFd installer;
+#include <string>
+#include <vector>
+
+/// A stand-in that is copied into the root, opened before the machine's files are out of sight.
+struct StandIn {
+    std::string place; ///< where it lies in the root
+    OwnedFd content;
 };
+
+using StandIns = std::vector<StandIn>;
 
 /// Opens the stand-ins in the directory of this program; throws Failure 125 "cannot open PATH: reason".
 StandIns openStandIns();

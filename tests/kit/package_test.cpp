@@ -18,7 +18,7 @@ std::string build(const Package& package, const Arguments& options = {})
     const std::string tree = inWorkshop(package.id + ".tree");
     if (!isThere(tree))
         stage({package}, package.id + ".tree");
-    Arguments words = {"/bin/bash",    std::string(REHEARSAL_TOOLS) + "/build-package",
+    Arguments words = {"/bin/bash",    std::string(REHEARSAL_TOOLS) + "/pkgbuild",
                        "--root",       tree,
                        "--identifier", package.id,
                        "--version",    package.version};
@@ -58,7 +58,7 @@ TEST(KitPlanOfPackages, ReadsAProductArchiveAndPassesOverScripts)
         references += "<pkg-ref id=\"" + package.id + "\">#" + package.id + ".pkg</pkg-ref>\n";
     writeFile(inWorkshop("distribution"),
               "<installer-gui-script>\n" + references + "</installer-gui-script>\n");
-    execute({"/bin/bash", std::string(REHEARSAL_TOOLS) + "/build-product", "--distribution",
+    execute({"/bin/bash", std::string(REHEARSAL_TOOLS) + "/productbuild", "--distribution",
              inWorkshop("distribution"), "--package-path", workshop, inWorkshop("product.pkg")});
     const Outcome outcome = kit(planWords(writeList({alpha}), {inWorkshop("product.pkg")}));
     EXPECT_EQ(outcome.status, 0) << outcome;
