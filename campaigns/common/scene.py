@@ -91,6 +91,20 @@ def restore(scene):
         put(path, entry)
 
 
+def transform(present, wanted):
+    """Makes the disk look exactly like `wanted`; `present` is what it looks like. Touches nothing that stays."""
+    for path in reversed(present):
+        if present[path] != wanted.get(path) and not _both_directories(present[path], wanted.get(path)):
+            os.rmdir(path) if stat.S_ISDIR(present[path].mode) else os.unlink(path)
+    for path, entry in wanted.items():
+        if present.get(path) != entry:
+            put(path, entry)
+
+
+def _both_directories(one, other):
+    return other is not None and stat.S_ISDIR(one.mode) and stat.S_ISDIR(other.mode)
+
+
 def fingerprints(paths):
     """Returns what tells whether these files and directories were touched at all, also if they were put back."""
     result = {}

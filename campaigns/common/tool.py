@@ -33,6 +33,17 @@ ACCOUNT = Actor("account", products.ACCOUNT, products.STAFF)
 ROOT = Actor("root", 0, 0)
 
 
+@dataclass(frozen=True)
+class Left:
+    """What a change has left in the place where it acted. `content` is None for anything but a regular file."""
+
+    kind: str           # "directory", "file", "link" or "other"; empty where there is nothing
+    mode: int = 0
+    uid: int = 0
+    gid: int = 0
+    content: object = None
+
+
 @dataclass
 class Outcome:
     """How a run ended and what was seen of it."""
@@ -42,6 +53,7 @@ class Outcome:
     stdout: bytes
     stderr: bytes
     calls: list = field(default_factory=list)   # (kind, number, name, subject, result)
+    left: dict = field(default_factory=dict)    # number of a change that succeeded -> Left, if asked for
     hits: list = field(default_factory=list)    # (kind, number, name, subject)
     leaks: list = field(default_factory=list)   # descriptors and processes left behind
     counts: dict = field(default_factory=dict)
@@ -75,14 +87,16 @@ def place_plan(actor, text):
     os.chmod(path, 0o644)
 
 
-def run(actor, words, points=(), record=False):
-    """Runs one command; `points` are what interrupt's option --at takes."""
+def run(actor, words, points=(), record=False, contents=False):
+    """Runs one command; `points` are what interrupt's option --at takes. To record `contents` takes longer."""
     command = [INTERRUPT, "--seconds", str(PATIENCE), "--report", REPORT]
     command += ["--user", str(actor.uid), "--group", str(actor.gid)]
     for point in points:
         command += ["--at", point]
     if record:
         command.append("--record")
+    if contents:
+        command.append("--contents")
     command += ["--", actor.directory + "/" + NAME, *words]
     done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, env=ENVIRONMENT, cwd="/",
                           check=False)
@@ -111,6 +125,8 @@ def run_plainly(actor, words):
 def _read_line(outcome, fields):
     if fields[0] == "call":
         outcome.calls.append((fields[1], int(fields[2]), fields[3], fields[4], int(fields[5])))
+    elif fields[0] == "left":
+        outcome.left[outcome.calls[-1][1]] = _read_left(fields[1:])
     elif fields[0] == "hit":
         outcome.hits.append((fields[1], int(fields[2]), fields[3], fields[4]))
     elif fields[0] == "open":
@@ -124,3 +140,10 @@ def _read_line(outcome, fields):
     elif fields[0] == "ended":
         outcome.ended = fields[1]
         outcome.status = int(fields[2]) if len(fields) > 2 else 0
+
+
+def _read_left(fields):
+    if fields == [""]:
+        return Left("")
+    kind, mode, uid, gid, content = fields
+    return Left(kind, int(mode, 8), int(uid), int(gid), bytes.fromhex(content) if kind == "file" else None)

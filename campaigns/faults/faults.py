@@ -12,8 +12,8 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
-from common import tool, workers            # noqa: E402
-from faults import judge, pkgutil_ways, points, scenarios   # noqa: E402
+from common import scenarios, tool, workers            # noqa: E402
+from faults import judge, pkgutil_ways, points         # noqa: E402
 
 ALL = None
 FAMILIES = ("kill", "back", "error", "stuck", "short", "access", "memory", "pkgutil", "chain")

@@ -1,5 +1,6 @@
 #include "receipts/receipt_removal.h"
 
+#include "fs/trouble.h"
 #include "support/ending.h"
 #include "support/scene.h"
 
@@ -43,6 +44,31 @@ TEST(ReceiptRemoval, TouchesNoInstalledFile)
     EXPECT_EQ(forgetting("user", vst3Id), returned());
     EXPECT_EQ(changedPaths(before, takeExactTree()),
               std::vector<std::string>{receiptOf("user", vst3Id).native()});
+}
+
+TEST(ReceiptRemoval, SettlesEarlierRemovalsBeforeTheReceiptIsGone)
+{
+    for (const std::string scope : {"user", "system"}) {
+        install(scope, plugin("alpha", "1.0"));
+        std::vector<std::string> synchronized;
+        const auto examine = [&](const SystemCall& call) {
+            EXPECT_TRUE(isRegistered(scope, vst3Id));
+            synchronized.push_back(openPath(call));
+            return 0;
+        };
+        EXPECT_EQ(during({SYS_fsync}, examine, [&] { removeReceipt(scope, vst3Id); }), returned());
+        EXPECT_EQ(synchronized,
+                  std::vector<std::string>{scope == "user" ? "/Users/player/Library" : "/Library"});
+        EXPECT_FALSE(isRegistered(scope, vst3Id));
+    }
+}
+
+TEST(ReceiptRemoval, KeepsTheReceiptWhenEarlierRemovalsCannotBeSettled)
+{
+    install("user", plugin("alpha", "1.0"));
+    EXPECT_EQ(failingAt(SYS_fsync, 1, EIO, [] { removeReceipt("user", vst3Id); }),
+              runtimeError("cannot synchronize fixed metadata directory"));
+    EXPECT_TRUE(isRegistered("user", vst3Id));
 }
 
 TEST(ReceiptRemoval, OfTheLastPackageLeavesAnEmptyListing)

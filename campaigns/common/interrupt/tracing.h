@@ -31,5 +31,10 @@ void setResult(pid_t pid, std::int64_t value);
 /// told, separated by " -> ". Empty for a call that names nothing.
 std::string subjectOf(pid_t pid, const Call& call, Names names);
 
+/// Describes what the call at whose exit the process is stopped has left where it acted: "directory", "file",
+/// "link" or "other", mode in octal, owner and group, and of a regular file its whole content in hexadecimal
+/// digits, separated by tabs. Empty where there is nothing.
+std::string stateAfter(pid_t pid, const Call& call, Names names, std::int64_t result);
+
 /// Returns what `descriptor` of the process leads to.
 std::string descriptorTarget(pid_t pid, int descriptor);

@@ -43,9 +43,10 @@ const std::map<std::uint64_t, CallType>& table()
         {SYS_pwrite64, {"pwrite64", Kind::Change, Names::Descriptor}},
         {SYS_writev, {"writev", Kind::Change, Names::Descriptor}},
         {SYS_sendfile, {"sendfile", Kind::Change, Names::Descriptor}},
-        {SYS_copy_file_range, {"copy_file_range", Kind::Change, Names::Descriptor}},
+        {SYS_copy_file_range, {"copy_file_range", Kind::Change, Names::Output}},
         {SYS_fsync, {"fsync", Kind::Change, Names::Descriptor}},
         {SYS_fdatasync, {"fdatasync", Kind::Change, Names::Descriptor}},
+        {SYS_syncfs, {"syncfs", Kind::Change, Names::Descriptor}},
         {SYS_utimensat, {"utimensat", Kind::Change, Names::PathAt}},
         {SYS_setxattr, {"setxattr", Kind::Change, Names::Path}},
         {SYS_fsetxattr, {"fsetxattr", Kind::Change, Names::Descriptor}},
@@ -85,8 +86,6 @@ const std::map<std::uint64_t, CallType>& table()
     return calls;
 }
 
-bool isOpen(const Call& call) { return call.number == SYS_open || call.number == SYS_openat; }
-
 bool opensForChange(const Call& call)
 {
     const std::uint64_t flags = call.arguments[call.number == SYS_open ? 1 : 2];
@@ -117,7 +116,7 @@ CallType typeOf(const Call& call)
     if (found == table().end())
         return {"?", Kind::Other, Names::Nothing};
     CallType type = found->second;
-    if (isOpen(call) && opensForChange(call))
+    if (call.number != SYS_creat && opensFile(call) && opensForChange(call))
         type.kind = Kind::Change;
     if (call.number == SYS_fcntl)
         type.kind = kindOfFcntl(call.arguments[1]);
@@ -139,6 +138,11 @@ bool beginsProgram(const Call& call)
     return call.number == SYS_fcntl && call.arguments[0] == STDIN_FILENO && call.arguments[1] == F_GETFD;
 }
 
+bool opensFile(const Call& call)
+{
+    return call.number == SYS_open || call.number == SYS_openat || call.number == SYS_creat;
+}
+
 bool endsProgram(const Call& call) { return call.number == SYS_exit_group; }
 
 bool startsProcess(const Call& call)
@@ -156,7 +160,7 @@ bool mayFailWith(const Call& call, int error)
     switch (error) {
     case EMFILE:
     case ENFILE:
-        return isOpen(call) || duplicates || call.number == SYS_pipe || call.number == SYS_pipe2 ||
+        return opensFile(call) || duplicates || call.number == SYS_pipe || call.number == SYS_pipe2 ||
                call.number == SYS_dup || call.number == SYS_dup2 || call.number == SYS_dup3;
     case EIO:
     case ENOSPC:

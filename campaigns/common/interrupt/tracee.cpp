@@ -207,6 +207,8 @@ void Tracee::enterCall(const Call& call)
     awaitsExit_ = true;
     if (options_.record)
         recorded_ = "call" + described;
+    if (options_.contents && type.kind == Kind::Change)
+        examined_ = call;
     if (!point)
         return;
     line("hit" + described);
@@ -250,6 +252,9 @@ void Tracee::leaveCall(std::int64_t result)
     if (!recorded_.empty())
         line(recorded_ + "\t" + std::to_string(result));
     recorded_.clear();
+    if (examined_ && result >= 0)
+        line("left\t" + stateAfter(pid_, *examined_, typeOf(*examined_).names, result));
+    examined_.reset();
     if (pending_ && (pending_->deed == Deed::KillAfter || pending_->deed == Deed::KillAll))
         kill(pending_->deed == Deed::KillAll);
     pending_ = nullptr;

@@ -21,8 +21,9 @@ struct Call {
     std::array<std::uint64_t, 6> arguments;
 };
 
-/// How a call's arguments name what it acts on; "at" forms are a directory descriptor followed by a path.
-enum class Names { Nothing, Descriptor, Path, PathAt, TwoPaths, TwoPathsAt };
+/// How a call's arguments name what it acts on; "at" forms are a directory descriptor followed by a path. The
+/// descriptor is the first argument, that of Output the third.
+enum class Names { Nothing, Descriptor, Output, Path, PathAt, TwoPaths, TwoPathsAt };
 
 /// One line of the table of calls.
 struct CallType {
@@ -40,6 +41,9 @@ std::vector<std::uint64_t> knownCalls();
 
 /// Tells whether `call` is the first one that the program under test makes by itself, not its loader.
 bool beginsProgram(const Call& call);
+
+/// Tells whether `call` opens a file and returns its descriptor.
+bool opensFile(const Call& call);
 
 /// Tells whether `call` ends the whole process in good order.
 bool endsProgram(const Call& call);

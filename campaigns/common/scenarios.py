@@ -69,6 +69,10 @@ class Scenario:
         """Puts the scene on disk and returns what must stay untouched in it."""
         scene.restore(self.start)
         tool.place_plan(self.actor, self.job.plan())
+        return self.fingerprints()
+
+    def fingerprints(self):
+        """Fingerprints of what must stay untouched, as it is now."""
         paths = [path for scope in ("user", "system") for path in bystanders(scope)]
         for scope, package in self.job.others:
             paths += installation.files_of(scope, [package])

@@ -50,6 +50,7 @@ private:
     std::map<Kind, unsigned long> counts_;
     const Point* pending_ = nullptr; ///< what still has to happen at the exit of the present call
     std::optional<ChangedArgument> changed_;
-    std::string recorded_; ///< the report line of the present call
+    std::string recorded_;         ///< the report line of the present call
+    std::optional<Call> examined_; ///< the present call, if what it leaves is to be reported
     std::string report_;
 };

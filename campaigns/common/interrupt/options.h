@@ -30,6 +30,7 @@ struct Options {
     std::vector<Point> points;
     std::string report;        ///< path of the report; empty for none
     bool record = false;       ///< list every call in the report
+    bool contents = false;     ///< say of each change what it has left
     std::optional<uid_t> user; ///< run as that account, with `group` as its only group
     gid_t group = 0;
     unsigned seconds = 60; ///< a run that takes longer counts as hanging

@@ -77,6 +77,8 @@ Options readOptions(int count, char** arguments)
             options.record = true;
         else if (option == "--report")
             options.report = value(option);
+        else if (option == "--contents")
+            options.record = options.contents = true;
         else if (option == "--user")
             options.user = static_cast<uid_t>(numberFrom(value(option)));
         else if (option == "--group")
@@ -111,10 +113,12 @@ of its own on; processes that it starts are not.
                            shorts        the same for this and every later call of the kind
   --report FILE          write what happened to FILE, one line each, fields separated by tabs
   --record               list every call in the report
+  --contents             the same, and after each change what it has left in the place where it acted
   --user UID --group GID run the command as that account
   --seconds N            a run that takes longer counts as hanging and is killed; default 60
 
 Lines of the report: "call" and "hit" with kind, number, name, what it acts on and (call only) its result;
+"left" after a "call" that succeeded, with type, mode, owner, group and content of what stands there then;
 "open" with a descriptor that was still open at the end and what it led to; "running" with a process that the
 command had started and not waited for when it ended; "inherited" with a descriptor that a started program got
 beside its standard ones and what it leads to; "counts" with the number of calls of each kind that was watched;
