@@ -10,8 +10,7 @@ namespace maintenance {
 /// packageId  has passed safePackageId
 /// throws     Invalid "pkgutil could not forget the authoritative package receipt"
 ///            Invalid "pkgutil receipt remained registered after forget"
-///            std::runtime_error "cannot synchronize fixed metadata directory"
-///            what openFixedDirectory, pkgutil and pkgutilReceipts throw
+///            what settleScope, pkgutil and pkgutilReceipts throw
 void removeReceipt(const std::string& scope, const std::string& packageId);
 
 } // namespace maintenance

@@ -7,6 +7,7 @@
 #include "fs/owner_power.h"
 #include "fs/publish.h"
 #include "fs/removal.h"
+#include "fs/settling.h"
 #include "plan/pending_install.h"
 #include "platform/durable_sync.h"
 #include "transaction/checkpoint.h"
@@ -208,6 +209,9 @@ void finishTransaction(const Descriptor& descriptor, const PreparedState& state)
 {
     const std::string prepared = preparedText(state);
     requireLeases(descriptor, prepared, "durable transaction lease changed before completion");
+    // Once the record stands, nobody repeats what was done in the scopes.
+    for (const std::string& scope : involvedScopes(descriptor))
+        settleScope(scope);
     text(completedPath(descriptor), prepared);
     std::size_t index = 0;
     for (const std::string& scope : involvedScopes(descriptor)) {

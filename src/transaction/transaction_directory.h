@@ -52,7 +52,7 @@ PreparedState openTransaction(const Descriptor& descriptor, const std::function<
 /// Ends a transaction successfully: completed record, leases, directory, pending attempt, in this order.
 ///
 /// throws  Invalid "durable transaction lease changed before completion"  nothing was changed then
-///         what readLease, text, removeFixedPath and clearPending throw
+///         what readLease, settleScope, text, removeFixedPath and clearPending throw
 void finishTransaction(const Descriptor& descriptor, const PreparedState& state);
 
 /// Tells whether the completed record of this very transaction stands on disk. True also when that cannot be
