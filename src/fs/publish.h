@@ -17,8 +17,8 @@ namespace maintenance {
 /// place       where the file is to stand
 /// durability  how far the content and the name must have got when this returns
 /// write       writes the content to the descriptor that it is lent, open for reading too; may throw, which
-/// leaves the old content throws      Invalid "fixed metadata destination is unsafe"  something else than a
-/// single-linked regular
+///             leaves the old content
+/// throws      Invalid "fixed metadata destination is unsafe"  something else than a single-linked regular
 ///                     file of the scope's owner stands there
 ///             std::runtime_error "cannot create fixed metadata atomically"  (also for a leftover of the
 ///                     temporary name, which stays), "cannot synchronize fixed metadata",

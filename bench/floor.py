@@ -1,0 +1,53 @@
+"""What the steps of each command demand, as a script for the floor program.
+
+The pkgutil runs are those that the stand-in logged for the program itself; the hashes are counted here, from what each
+command has to prove, and the syncs are filled up to the number that the program makes.
+"""
+
+import shutil
+import subprocess
+from pathlib import Path
+
+from scene import LOG, ROOT
+
+
+def hashes(scope, packages, times=1):
+    return [f"hash\t{ROOT[scope] / file.path}" for package in packages for file in package.files] * times
+
+
+def copies(scope, packages, directory, name):
+    files = [file for package in packages for file in package.files]
+    return [f"copy\t{ROOT[scope] / file.path}\t{directory}/{name}{number}" for number, file in enumerate(files)]
+
+
+class Floor:
+    def __init__(self, program, launcher, directory):
+        self.program = program
+        self.launcher = launcher
+        self.directory = Path(directory)
+        self.script = Path("/tmp/floor-script")
+
+    def run(self, calls, work, syncs):
+        """Runs the floor with these logged pkgutil calls; `syncs` is how often the program synchronised."""
+        shutil.rmtree(self.directory, ignore_errors=True)
+        self.directory.mkdir(parents=True)
+        own_syncs = sum(2 for line in work if line.split("\t")[0] in ("copy", "write"))
+        fill = [f"sync\t{self.directory}"] * max(0, syncs - own_syncs)
+        self.script.write_text("\n".join([f"pkgutil\t{call}" for call in calls] + work + fill) + "\n")
+        result = self.launcher.run(self.program, self.script)
+        shutil.rmtree(self.directory)
+        if result.status != 0:
+            raise RuntimeError(f"the floor failed: {result.output}")
+        return result
+
+
+def logged_calls():
+    return LOG.read_text().splitlines()
+
+
+def count_syncs(arguments):
+    """How often a command synchronises; the run itself is a real one."""
+    report = "/tmp/sync-count"
+    subprocess.run(["strace", "-qq", "-e", "trace=fsync", "-o", report, *map(str, arguments)], cwd="/", check=True,
+                   stdout=subprocess.DEVNULL)
+    return Path(report).read_text().count("fsync(")
