@@ -162,11 +162,15 @@ class Workshop:
                          "--version", version, "--out", self.work)
         return out
 
-    def installer(self, release, out, scope="user", wait=60):
-        """Builds a product archive that installs a release under the control of its plan."""
+    def installer(self, release, out, scope="user", wait=60, tool=None):
+        """Builds a product archive that installs a release under the control of its plan.
+
+        wait  how many seconds its finishing job waits for the receipts
+        tool  a maintenance tool other than the build's
+        """
         plan = self._parts(out) / "transaction-plan.tpmp"
         plan.write_text(self.plan(release))
-        self._build_product(release, out, scope, ["--plan", plan, "--wait", wait])
+        self._build_product(release, out, scope, ["--plan", plan, "--wait", wait], tool)
 
     def mover(self, release, descriptor_id, out):
         """Builds a product archive that moves an installed release from the home to the system scope."""
@@ -192,10 +196,10 @@ class Workshop:
         parts.mkdir()
         return parts
 
-    def _build_product(self, release, out, scope, begin):
+    def _build_product(self, release, out, scope, begin, tool=None):
         parts = self.work / f"{out.stem}.parts"
-        self._script("build-begin", "--scope", scope, "--tool", self.build / "TamarindPelicanMaintenance",
-                     *begin, "--out", parts)
+        self._script("build-begin", "--scope", scope, "--tool",
+                     tool or self.build / "TamarindPelicanMaintenance", *begin, "--out", parts)
         components = [self.component_package(package, version) for package, _, version in release.components]
         self._script("build-product", "--scope", scope, "--title", out.stem, "--identifier",
                      f"com.tamarindpelican.{release.product}", "--version", release.version, "--out", out,

@@ -88,7 +88,7 @@ class Stage:
         added, told_by_job = lines_since(LOG, logged), [TIME.sub("", line) for line in lines_since(JOB_LOG, told)]
         for line in done.stdout.splitlines() + done.stderr.splitlines():
             self.quote(line)
-        for line in added:
+        for line in added if "./install-product" not in words else []:  # which shows them itself
             self.quote(f"install.log: {line}")
         for line in told_by_job:
             self.quote(f"finishing job: {line}")

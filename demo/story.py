@@ -222,7 +222,7 @@ class Story:
         """An installer whose begin-install is refused; `earlier` is what its script says before."""
         self.stage.install("player", "user", package,
                            [*earlier, f"begin-install refused (status 65): {message}", advice],
-                           "Nothing was installed, and nothing was changed.", status=1,
+                           "Nothing was installed.", status=1,
                            error=[refused_before("65")], **expected)
 
     def tampered_file(self):

@@ -103,6 +103,7 @@ remove_job()
 {
     rm -f "$job" "$finishing/settings"
     rm -f "$finishing/placed" "$finishing/tries" "$finishing/finish-installation" "$finishing/installation.sh"
+    remove_dead_driver
     rmdir "$finishing" 2>/dev/null || :
 }
 
@@ -117,6 +118,12 @@ start_job()
 driver_is_running()
 {
     driver=$(cat "$finishing/driver" 2>/dev/null) && kill -0 "$driver" 2>/dev/null
+}
+
+# remove_dead_driver: what a driver left behind that was killed.
+remove_dead_driver()
+{
+    driver_is_running || rm -f "$finishing/driver"
 }
 
 # advice MESSAGE: what a person can do about a refusal of the maintenance tool.
