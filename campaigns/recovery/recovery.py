@@ -14,7 +14,7 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
-from common import products, scene, tool, wholeness, workers    # noqa: E402
+from common import products, scene, tool, workers               # noqa: E402
 from faults import pkgutil_ways, points, scenarios              # noqa: E402
 from recovery import document, situations                       # noqa: E402
 
@@ -108,12 +108,7 @@ def leads_out(made, identifier, found, deeds):
         if tool.run_plainly(made.actor, words).status != 0:
             return False    # a shorter or another way leads to what it has left
     left = scene.capture()
-    return is_ended(made, identifier, left) and not made.judge.faults(masked(left))
-
-
-def masked(found):
-    """Restored files have the mode of metadata; everything else is judged as it stands."""
-    return {path: entry for path, entry in found.items() if not wholeness.is_temporary(path)}
+    return is_ended(made, identifier, left) and not made.judge.faults(left)
 
 
 def is_ended(made, identifier, found):
@@ -176,7 +171,7 @@ class Tally:
                 self.stuck += 1
                 print(f"NO EXIT  ./dev recovery --point '{point}'", flush=True)
             if "point" in request:
-                print(f"{point}: {' '.join(deeds) if deeds else named or 'nothing is open' if deeds == [] else 'none'}")
+                print(f"{point}: {', '.join(deeds or ()) or named or 'nothing is open'}")
 
 
 def summarize(tally, seconds):
