@@ -15,7 +15,8 @@ namespace {
 struct Leases {
     std::size_t matching = 0;
     std::size_t missing = 0;
-    std::size_t foreign = 0;
+    /// Of the same transaction with another content, or damaged.
+    std::size_t contradicting = 0;
     bool unreadable = false;
 };
 
@@ -44,6 +45,27 @@ const std::optional<std::string>* textOf(const std::optional<StateFile>& file)
     return file ? &file->file.text : nullptr;
 }
 
+/// The transaction that a scope's lease names, where it is another one; otherwise empty.
+std::string holderOtherThan(const std::string& id, const ScopeView& view)
+{
+    if (!view.lease || !view.lease->state || view.lease->state->transaction == id)
+        return {};
+    return view.lease->state->transaction;
+}
+
+/// Another transaction that holds the lease of an involved scope; empty when there is none.
+std::string blockerOf(const MachineView& machine, const TransactionView& transaction)
+{
+    for (const std::string& scope : involvedIn(transaction)) {
+        const auto view = machine.scopes.find(scope);
+        if (view == machine.scopes.end())
+            continue;
+        if (std::string holder = holderOtherThan(transaction.id, view->second); !holder.empty())
+            return holder;
+    }
+    return {};
+}
+
 Leases leasesOf(const MachineView& machine, const TransactionView& transaction, const std::string& text)
 {
     Leases leases;
@@ -58,8 +80,10 @@ Leases leasesOf(const MachineView& machine, const TransactionView& transaction, 
             leases.unreadable = true;
         else if (**lease == text)
             ++leases.matching;
+        else if (holderOtherThan(transaction.id, view->second).empty())
+            ++leases.contradicting;
         else
-            ++leases.foreign;
+            ++leases.missing;
         if (lease == nullptr && isHidden(view->second, activePath(scope).native()))
             leases.unreadable = true;
     }
@@ -84,6 +108,9 @@ std::set<std::string> identifiersIn(const MachineView& machine, const ScopeView&
                 ids.insert(state.transaction);
         }
     }
+    // begin-install notes the attempt before it writes the descriptor.
+    if (view.pending)
+        ids.insert(view.pending->transaction);
     return ids;
 }
 
@@ -147,26 +174,20 @@ TransactionState stateWithRecord(const Evidence& evidence, const Leases& leases,
 {
     if (!evidence.record->state)
         return evidence.record->file.text ? TransactionState::Contradictory : TransactionState::Unreadable;
-    if (leases.foreign > 0)
-        return TransactionState::Contradictory;
-    return evidence.directory != nullptr || leases.matching > 0 || pending ? TransactionState::CleanUpPending
-                                                                           : TransactionState::Completed;
+    if (evidence.directory == nullptr && leases.matching == 0 && !pending)
+        return TransactionState::Completed;
+    return leases.contradicting > 0 ? TransactionState::Contradictory : TransactionState::CleanUpPending;
 }
 
-TransactionState stateWhenPrepared(const MachineView& machine, const TransactionView& transaction,
-                                   const Leases& leases)
+TransactionState stateWhenPrepared(const Leases& leases)
 {
     if (leases.unreadable)
         return TransactionState::Unreadable;
-    if (leases.foreign > 0)
+    if (leases.contradicting > 0)
         return TransactionState::Contradictory;
     if (leases.matching == 0)
         return TransactionState::Abandoned;
-    if (leases.missing > 0)
-        return TransactionState::LeasesIncomplete;
-    const ScopeView* authority = find(machine.scopes, transaction.authority);
-    return authority != nullptr && authority->running ? TransactionState::InProgress
-                                                      : TransactionState::Prepared;
+    return leases.missing > 0 ? TransactionState::LeasesIncomplete : TransactionState::Prepared;
 }
 
 TransactionState stateOf(const MachineView& machine, const ScopeView& view,
@@ -193,7 +214,14 @@ TransactionState stateOf(const MachineView& machine, const ScopeView& view,
         return TransactionState::Unreadable;
     if (!prepared.state || preparedText(*prepared.state) != *prepared.file.text)
         return TransactionState::Contradictory;
-    return stateWhenPrepared(machine, transaction, leasesOf(machine, transaction, *prepared.file.text));
+    return stateWhenPrepared(leasesOf(machine, transaction, *prepared.file.text));
+}
+
+/// Tells whether a run that holds the lock may be about to change what a state was told from.
+bool passesWithARun(TransactionState state)
+{
+    return state == TransactionState::Creating || state == TransactionState::LeasesIncomplete ||
+           state == TransactionState::Prepared || state == TransactionState::CleanUpPending;
 }
 
 /// Scopes as the transaction's own state gives them, else as its descriptor does.
@@ -206,11 +234,39 @@ void takeScopes(TransactionView& transaction, const Evidence& evidence)
         transaction.source = evidence.descriptor->descriptor->sourceScope;
         transaction.target = evidence.descriptor->descriptor->targetScope;
     }
+    if (transaction.target.empty() && transaction.pending) {
+        transaction.source = "none";
+        transaction.target = transaction.authority;
+    }
     // A state file is not checked for its scopes by the tool's parser.
     const bool known =
         isScope(transaction.target) && (transaction.source == "none" || isScope(transaction.source));
     if (!known)
         transaction.source = transaction.target = {};
+}
+
+void noteDescriptor(TransactionView& transaction, const Evidence& evidence)
+{
+    if (evidence.descriptor == nullptr && transaction.state != TransactionState::Completed)
+        transaction.notes.emplace_back(
+            transaction.pending ? "its descriptor is not in the inbox; begin-install writes it again"
+                                : "its descriptor is not in the inbox; no command acts until it is back");
+    else if (evidence.descriptor != nullptr && evidence.descriptor->descriptor && evidence.state != nullptr &&
+             evidence.state->descriptorSha256 != evidence.descriptor->descriptor->fileSha256)
+        transaction.notes.emplace_back("its descriptor was exchanged since (SHA-256 of the right one: " +
+                                       evidence.state->descriptorSha256 +
+                                       "); no command acts until it is back");
+}
+
+/// An uninstallation that was interrupted at its end has taken the tool away with the shared package.
+void noteMissingTool(const MachineView& machine, TransactionView& transaction)
+{
+    const bool isThere = std::any_of(machine.scopes.begin(), machine.scopes.end(),
+                                     [](const auto& scope) { return scope.second.hasTool; });
+    if (!transaction.waysOut.empty() && !isThere)
+        transaction.notes.emplace_back(
+            "the tool is not in its place; copy it there from where it was run before, "
+            "without installing its package");
 }
 
 TransactionView viewOf(const MachineView& machine, const ScopeView& view, const std::string& id)
@@ -219,6 +275,8 @@ TransactionView viewOf(const MachineView& machine, const ScopeView& view, const 
     TransactionView transaction;
     transaction.id = id;
     transaction.authority = view.scope;
+    // An attempt has no source, so that its scope keeps the books.
+    transaction.pending = view.pending && view.pending->transaction == id;
     takeScopes(transaction, evidence);
     const Descriptor* descriptor = evidence.descriptor != nullptr && evidence.descriptor->descriptor
                                        ? &*evidence.descriptor->descriptor
@@ -226,19 +284,17 @@ TransactionView viewOf(const MachineView& machine, const ScopeView& view, const 
     if (descriptor != nullptr)
         for (const Product& product : descriptor->products)
             transaction.products.push_back(product.id + " " + product.targetVersion);
-    const ScopeView* target =
-        find(machine.scopes, transaction.target.empty() ? view.scope : transaction.target);
-    transaction.pending = target != nullptr && target->pending && target->pending->transaction == id;
     transaction.state = stateOf(machine, view, transaction, evidence);
-    if (evidence.descriptor == nullptr && transaction.state != TransactionState::Completed)
-        transaction.notes.emplace_back(
-            "its descriptor is not in the inbox; no command acts until it is back");
-    else if (descriptor != nullptr && evidence.state != nullptr &&
-             evidence.state->descriptorSha256 != descriptor->fileSha256)
-        transaction.notes.emplace_back("its descriptor was exchanged since (SHA-256 of the right one: " +
-                                       evidence.state->descriptorSha256 +
-                                       "); no command acts until it is back");
-    addWaysOut(machine, transaction, descriptor);
+    if (view.running && passesWithARun(transaction.state))
+        transaction.state = TransactionState::InProgress;
+    noteDescriptor(transaction, evidence);
+    if (const std::string blocker = blockerOf(machine, transaction);
+        !blocker.empty() && transaction.isOpen() && transaction.state != TransactionState::Contradictory)
+        transaction.notes.push_back("the transaction " + blocker +
+                                    " is active; end that one first, then ask again");
+    else
+        addWaysOut(machine, transaction, descriptor);
+    noteMissingTool(machine, transaction);
     return transaction;
 }
 

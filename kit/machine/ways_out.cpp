@@ -15,6 +15,7 @@ namespace maintenance::kit {
 namespace {
 
 constexpr const char* onceInstalled = "once the installer has installed the packages";
+constexpr const char* installBetween = "install the packages before the last command";
 constexpr const char* whileUnchanged = "while no package has been registered or forgotten since";
 
 /// What became of the packages since the transaction was prepared.
@@ -86,6 +87,12 @@ bool mayBeUninstallation(const TransactionView& transaction, const Descriptor* d
            (descriptor == nullptr || descriptor->decision == "none");
 }
 
+/// begin-install as a shell takes it; it finds the attempt and prints the same identifier.
+std::string beginCommand(const MachineView& machine, const std::string& scope)
+{
+    return rights({scope}) + shellQuoted(executableFor(machine, scope)) + " begin-install " + scope;
+}
+
 /// Builds the ways out of one transaction.
 class WayFinder {
 public:
@@ -104,6 +111,17 @@ public:
             way.commands.push_back(
                 toolCommand(machine_, scopes, command, transaction_.target, transaction_.id));
         transaction_.waysOut.push_back(std::move(way));
+    }
+
+    /// The same, after begin-install where the descriptor has to be written again.
+    void addAfterBeginning(bool again, const char* effect, const std::string& condition,
+                           const std::vector<std::string>& commands)
+    {
+        add(effect, condition, commands);
+        if (!again)
+            return;
+        std::vector<std::string>& told = transaction_.waysOut.back().commands;
+        told.insert(told.begin(), beginCommand(machine_, transaction_.target));
     }
 
     void note(const std::string& text) { transaction_.notes.push_back(text); }
@@ -179,14 +197,15 @@ void addWaysOut(const MachineView& machine, TransactionView& transaction, const 
         if (!transaction.pending)
             return;
         finder.note("an installation was begun and not prepared; nothing of it is installed");
-        finder.add("finish", "then install the packages and run commit-move", {"prepare-move"});
-        finder.add("undo", "", {"prepare-move", "rollback-move"});
+        finder.addAfterBeginning(descriptor == nullptr, "finish", installBetween,
+                                 {"prepare-move", "commit-move"});
+        finder.addAfterBeginning(descriptor == nullptr, "undo", "", {"prepare-move", "rollback-move"});
         return;
     case TransactionState::Creating:
         finder.note("it was interrupted before it changed anything");
         if (mayBeUninstallation(transaction, descriptor))
             finder.add("finish", "if it was begun by uninstall-product", {"uninstall-product"});
-        finder.add("finish", "then install the packages and run commit-move", {"prepare-move"});
+        finder.add("finish", installBetween, {"prepare-move", "commit-move"});
         finder.add("undo", "", {"prepare-move", "rollback-move"});
         return;
     case TransactionState::LeasesIncomplete:
@@ -197,7 +216,7 @@ void addWaysOut(const MachineView& machine, TransactionView& transaction, const 
         return;
     case TransactionState::Abandoned:
         finder.note("a commit failed, put everything back and blocks nothing; its copies are still there");
-        finder.add("finish", "then install the packages and run commit-move", {"prepare-move"});
+        finder.add("finish", installBetween, {"prepare-move", "commit-move"});
         finder.add("undo", whileUnchanged, {"prepare-move", "rollback-move"});
         return;
     case TransactionState::CleanUpPending:
@@ -205,7 +224,7 @@ void addWaysOut(const MachineView& machine, TransactionView& transaction, const 
         finder.add("finish", "", {"commit-move"});
         return;
     case TransactionState::InProgress:
-        finder.note("a run is working on it; wait for it to end");
+        finder.note("a run holds the lock of its scope; wait for it to end, then ask again");
         return;
     default:
         return;

@@ -100,6 +100,7 @@ bool EntryRules::examine(const PayloadEntry& entry, const std::string& source, F
     if (!examineName(entry, source, findings))
         return false;
     const std::string place = placeOf(source, entry.path);
+    const bool wellSpelled = examineSpelling(entry, source, findings);
     if (isLinkOrSpecial(entry)) {
         findings.push_back(linkFinding(entry, place));
         return false;
@@ -110,7 +111,6 @@ bool EntryRules::examine(const PayloadEntry& entry, const std::string& source, F
                                  "chmod go-w before the package is built"));
         allowed = false;
     }
-    const bool wellSpelled = examineSpelling(entry, source, findings);
     const bool owned = entry.kind == Kind::File && examineOwnedPath(entry, source, findings);
     return allowed && wellSpelled && owned;
 }

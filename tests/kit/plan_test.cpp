@@ -196,6 +196,17 @@ TEST(KitPlan, RefusesPathsThatDifferOnlyInCase)
                   vst3Path("alpha", "Contents/macOS"), "only in case");
 }
 
+TEST(KitPlan, SaysBothOfALinkThatDiffersFromAFileOnlyInCase)
+{
+    const Plugin alpha = plugin("alpha", "1.0");
+    const std::string tree = stage(alpha);
+    makeLink(tree + "/" + vst3Path("alpha", "Contents/MacOS/PLUGIN"), "plugin");
+    const auto answer = planJson(writeList({alpha}), tree);
+    ASSERT_EQ(answer.at("findings").size(), 2U) << answer.dump(1);
+    EXPECT_TRUE(holds(answer.dump(), "symbolic link"));
+    EXPECT_TRUE(holds(answer.dump(), "only in case"));
+}
+
 TEST(KitPlan, RefusesFilesThatOthersMayWrite)
 {
     expectRefusal([](const auto& tree) { setMode(tree / vst3Path("alpha"), 0664); }, vst3Path("alpha"),

@@ -45,8 +45,21 @@ std::vector<std::string> commandsTo(const std::string& effect, const std::string
 void follow(const std::vector<std::string>& commands)
 {
     ASSERT_FALSE(commands.empty());
+    placeSudo();
     for (const std::string& command : commands)
         EXPECT_EQ(inShell(command), succeeded()) << command;
+}
+
+/// Forgets and removes everything that an installation or a transaction can have left.
+void startAnew()
+{
+    for (const std::string scope : {"user", "system"}) {
+        for (const std::string& id : {commonPackage().id, alpha.vst3.id, alpha.au.id})
+            if (isRegistered(scope, id))
+                unregister(scope, id);
+        removeAll(supportOf(scope));
+        removeAll(rootOf(scope) / "Library/Audio");
+    }
 }
 
 const std::string toolPath = "Library/Application Support/Tamarind Pelican/TamarindPelicanMaintenance";
@@ -85,6 +98,291 @@ void installInSystem()
 {
     installCommon();
     install("system", alpha);
+}
+
+/// A begun installation; returns its identifier.
+std::string begin()
+{
+    Surroundings placed;
+    placed.tool = placeTool("system", planText({alpha}, realCommon()));
+    const Outcome begun = run({"begin-install", "system"}, placed);
+    if (begun.status != 0)
+        throw std::runtime_error(begun.err);
+    return begun.out.substr(0, begun.out.size() - 1);
+}
+
+// Every state that is open, as it comes about; each returns the transaction's identifier.
+
+std::string begun() { return begin(); }
+
+std::string begunWithoutDescriptor()
+{
+    const std::string id = begin();
+    removeAll(descriptorOf("system", id));
+    return id;
+}
+
+std::string creatingMove()
+{
+    makeMove();
+    makeDirectories(transactionOf("system", "move-1") / "target", {rootUid, 0700});
+    return "move-1";
+}
+
+std::string creatingUninstallation()
+{
+    installInSystem();
+    publish(Work("system").brings(alpha, "1.0").with(realCommon()), "gone-1");
+    makeDirectories(transactionOf("system", "gone-1") / "target", {rootUid, 0700});
+    return "gone-1";
+}
+
+std::string preparedMove()
+{
+    prepareMove();
+    return "move-1";
+}
+
+std::string installedMove()
+{
+    prepareMove();
+    installInSystem();
+    return "move-1";
+}
+
+std::string halfInstalledMove()
+{
+    prepareMove();
+    installCommon();
+    return "move-1";
+}
+
+std::string incompleteMove()
+{
+    prepareMove();
+    removeAll(leaseOf("system"));
+    return "move-1";
+}
+
+std::string incompleteInstalledMove()
+{
+    const std::string id = installedMove();
+    removeAll(leaseOf("system"));
+    return id;
+}
+
+std::string abandonedMove()
+{
+    prepareMove();
+    run({"commit-move", "system", "move-1"});
+    return "move-1";
+}
+
+std::string interruptedUninstallation()
+{
+    installInSystem();
+    publish(Work("system").brings(alpha, "1.0").with(realCommon()), "gone-1");
+    instructPkgutil("command=--forget do kill=KILL");
+    run({"uninstall-product", "system", "gone-1"});
+    instructPkgutil("");
+    return "gone-1";
+}
+
+/// prepare-move for the same descriptor leaves the same files as an uninstallation killed before it removes.
+std::string untouchedRepair()
+{
+    installInSystem();
+    publish(Work("system").brings(alpha, "1.0").with(realCommon()), "repair-1");
+    run({"prepare-move", "system", "repair-1"});
+    return "repair-1";
+}
+
+std::string pendingCleanUp()
+{
+    prepareMove();
+    writeFile(completedOf("system", "move-1"), readFile(leaseOf("system")), {rootUid, 0600});
+    return "move-1";
+}
+
+std::string pendingCleanUpOfAnUninstallation()
+{
+    installInSystem();
+    publish(Work("system").brings(alpha, "1.0").with(realCommon()), "gone-1");
+    run({"uninstall-product", "system", "gone-1"});
+    makeDirectories(transactionOf("system", "gone-1") / "target", {rootUid, 0700});
+    placeTool("system", planText({alpha}));
+    return "gone-1";
+}
+
+/// One of the ways out that must be told in a situation.
+struct Way {
+    std::string effect;
+    std::string condition;
+    /// The tool's commands, without what stands around them.
+    std::vector<std::string> verbs;
+};
+
+struct Situation {
+    const char* name;
+    std::string (*arise)();
+    std::string state;
+    std::vector<Way> ways;
+};
+
+const std::string between = "install the packages before the last command";
+const std::string ifUninstalling = "if it was begun by uninstall-product";
+const std::string onceInstalled = "once the installer has installed the packages";
+
+const std::vector<Situation> situations = {
+    {"Begun",
+     begun,
+     "absent",
+     {{"finish", between, {"prepare-move", "commit-move"}}, {"undo", "", {"prepare-move", "rollback-move"}}}},
+    {"BegunWithoutDescriptor",
+     begunWithoutDescriptor,
+     "absent",
+     {{"finish", between, {"begin-install", "prepare-move", "commit-move"}},
+      {"undo", "", {"begin-install", "prepare-move", "rollback-move"}}}},
+    {"CreatingMove",
+     creatingMove,
+     "creating",
+     {{"finish", between, {"prepare-move", "commit-move"}}, {"undo", "", {"prepare-move", "rollback-move"}}}},
+    {"CreatingUninstallation",
+     creatingUninstallation,
+     "creating",
+     {{"finish", ifUninstalling, {"uninstall-product"}},
+      {"finish", between, {"prepare-move", "commit-move"}},
+      {"undo", "", {"prepare-move", "rollback-move"}}}},
+    {"PreparedMove",
+     preparedMove,
+     "prepared",
+     {{"finish", onceInstalled, {"commit-move"}}, {"undo", "", {"rollback-move"}}}},
+    {"InstalledMove", installedMove, "prepared", {{"finish", "", {"commit-move"}}}},
+    {"HalfInstalledMove", halfInstalledMove, "prepared", {{"finish", onceInstalled, {"commit-move"}}}},
+    {"IncompleteMove",
+     incompleteMove,
+     "prepared, leases incomplete",
+     {{"finish", onceInstalled, {"prepare-move", "commit-move"}},
+      {"undo", "", {"prepare-move", "rollback-move"}}}},
+    {"IncompleteInstalledMove",
+     incompleteInstalledMove,
+     "prepared, leases incomplete",
+     {{"finish", "", {"prepare-move", "commit-move"}}}},
+    {"AbandonedMove",
+     abandonedMove,
+     "abandoned",
+     {{"finish", between, {"prepare-move", "commit-move"}},
+      {"undo",
+       "while no package has been registered or forgotten since",
+       {"prepare-move", "rollback-move"}}}},
+    {"InterruptedUninstallation",
+     interruptedUninstallation,
+     "prepared",
+     {{"finish", ifUninstalling, {"uninstall-product"}},
+      {"finish", "if it was begun by prepare-move, " + onceInstalled, {"commit-move"}},
+      {"undo", "", {"rollback-move"}}}},
+    {"UntouchedRepair",
+     untouchedRepair,
+     "prepared",
+     {{"finish", ifUninstalling, {"uninstall-product"}},
+      {"finish", "if it was begun by prepare-move, " + onceInstalled, {"commit-move"}},
+      {"undo", "", {"rollback-move"}}}},
+    {"PendingCleanUp", pendingCleanUp, "completed, clean-up pending", {{"finish", "", {"commit-move"}}}},
+    {"PendingCleanUpOfAnUninstallation",
+     pendingCleanUpOfAnUninstallation,
+     "completed, clean-up pending",
+     {{"finish", "", {"commit-move"}}}}};
+
+/// The tool's command in a line for the shell.
+std::string verbOf(const std::string& command)
+{
+    const std::size_t start = command.rfind("' ") + 2;
+    return command.substr(start, command.find(' ', start) - start);
+}
+
+class KitWaysOut : public ::testing::TestWithParam<Situation> {};
+
+/// Runs a way's commands as they were told; what the condition asks for is done when its time has come.
+void carryOut(const Json& way)
+{
+    const std::vector<std::string> commands = way.at("commands");
+    const std::string condition = way.value("condition", "");
+    if (holds(condition, onceInstalled))
+        installInSystem();
+    for (std::size_t i = 0; i < commands.size(); ++i) {
+        if (condition == between && i + 1 == commands.size())
+            installInSystem();
+        const Outcome outcome = inShell(commands[i]);
+        EXPECT_EQ(outcome.status, 0) << commands[i] << outcome;
+    }
+}
+
+TEST_P(KitWaysOut, AreAllToldAndEachLeadsOut)
+{
+    const Situation& situation = GetParam();
+    placeSudo();
+    for (std::size_t i = 0; i < situation.ways.size(); ++i) {
+        const std::string id = situation.arise();
+        const Json transaction = transactionIn(kitJson({"status"}), id);
+        ASSERT_EQ(transaction.at("state"), situation.state);
+        ASSERT_EQ(transaction.at("waysOut").size(), situation.ways.size()) << transaction.dump(1);
+        const Json way = transaction.at("waysOut")[i];
+        EXPECT_EQ(way.at("effect"), situation.ways[i].effect);
+        EXPECT_EQ(way.value("condition", ""), situation.ways[i].condition);
+        std::vector<std::string> verbs;
+        for (const std::string command : way.at("commands"))
+            verbs.push_back(verbOf(command));
+        EXPECT_EQ(verbs, situation.ways[i].verbs);
+        carryOut(way);
+        EXPECT_EQ(stateOf(id), "completed") << way.dump(1);
+        startAnew();
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, KitWaysOut, ::testing::ValuesIn(situations),
+                         [](const auto& situation) { return std::string(situation.param.name); });
+
+TEST(KitStatus, OfCompletedTransactionsIsNotConfusedByAnActiveOne)
+{
+    prepareMove();
+    ASSERT_EQ(run({"rollback-move", "system", "move-1"}), succeeded());
+    publish(Work("system").from("user").brings(alpha, "1.0").with(realCommon()), "move-2");
+    ASSERT_EQ(run({"prepare-move", "system", "move-2"}), succeeded());
+    EXPECT_EQ(stateOf("move-1"), "completed");
+    EXPECT_EQ(stateOf("move-2"), "prepared");
+}
+
+TEST(KitStatus, OfATransactionBehindAnActiveOneSaysWhichIsToBeEndedFirst)
+{
+    ASSERT_EQ(abandonedMove(), "move-1");
+    publish(Work("system").from("user").brings(alpha, "1.0").with(realCommon()), "move-2");
+    ASSERT_EQ(run({"prepare-move", "system", "move-2"}), succeeded());
+    const Json abandoned = transactionIn(kitJson({"status"}), "move-1");
+    EXPECT_EQ(abandoned.at("state"), "abandoned");
+    EXPECT_EQ(abandoned.at("waysOut").size(), 0U);
+    EXPECT_TRUE(holds(abandoned.dump(), "the transaction move-2 is active; end that one first")) << abandoned;
+    follow(commandsTo("undo", "move-2"));
+    follow(commandsTo("undo", "move-1"));
+    EXPECT_EQ(stateOf("move-1"), "completed");
+}
+
+TEST(KitStatus, OfAnInterruptedPreparationWaitsForTheRunThatHoldsTheLock)
+{
+    ASSERT_EQ(creatingMove(), "move-1");
+    writeFile(lockOf("system"), "", {rootUid, 0600});
+    const HeldLock lock("system");
+    EXPECT_EQ(stateOf("move-1"), "in progress");
+}
+
+TEST(KitStatus, SaysWhenTheToolThatTheCommandsNeedIsGone)
+{
+    ASSERT_EQ(preparedMove(), "move-1");
+    const std::string note = "the tool is not in its place; copy it there";
+    EXPECT_FALSE(holds(kit({"status"}).out, note));
+    removeAll(rootOf("system") / toolPath);
+    EXPECT_FALSE(holds(kit({"status"}).out, note)) << "the home has one";
+    removeAll(rootOf("user") / toolPath);
+    EXPECT_TRUE(holds(kit({"status"}).out, note)) << kit({"status"});
 }
 
 TEST(KitStatus, OfAFreshMachineHasNothingOpenAndChangesNothing)
@@ -169,16 +467,6 @@ TEST(KitStatus, OfAnAbandonedTransactionNamesTheCommandsThatEndIt)
     EXPECT_EQ(stateOf("move-1"), "completed");
 }
 
-TEST(KitStatus, OfAnInterruptedPreparationNamesTheCommandsThatLeadOut)
-{
-    makeMove();
-    makeDirectories(transactionOf("system", "move-1") / "target", {rootUid, 0700});
-    EXPECT_EQ(stateOf("move-1"), "creating");
-    follow(commandsTo("finish", "move-1"));
-    EXPECT_EQ(stateOf("move-1"), "prepared");
-    follow(commandsTo("undo", "move-1"));
-}
-
 TEST(KitStatus, OfAPendingCleanUpNamesTheCommandThatDoesIt)
 {
     prepareMove();
@@ -191,11 +479,7 @@ TEST(KitStatus, OfAPendingCleanUpNamesTheCommandThatDoesIt)
 
 TEST(KitStatus, OfABegunInstallationNamesItsAttemptAndTheCommandsThatEndIt)
 {
-    Surroundings placed;
-    placed.tool = placeTool("system", planText({alpha}));
-    const Outcome begun = run({"begin-install", "system"}, placed);
-    ASSERT_EQ(begun.status, 0) << begun;
-    const std::string id = begun.out.substr(0, begun.out.size() - 1);
+    const std::string id = begin();
     const Json answer = kitJson({"status"});
     EXPECT_EQ(scopeIn(answer, "system").at("pending").at("transaction"), id);
     EXPECT_EQ(transactionIn(answer, id).at("state"), "absent");
@@ -283,6 +567,12 @@ TEST(KitStatus, FindsWhatKilledRunsLeft)
     for (const auto& path : leftovers)
         EXPECT_TRUE(holds(answer.dump(), path.native())) << path;
     EXPECT_EQ(kit({"status"}).status, 65);
+    const Json view = scopeIn(answer, "system");
+    for (const auto& finding : view.at("findings")) {
+        const std::string advice = finding.at("advice");
+        EXPECT_EQ(inShell(advice.substr(advice.find("rm "))), succeeded());
+    }
+    EXPECT_EQ(kit({"status"}).status, 0);
 }
 
 TEST(KitStatus, FindsUnsafeOwnersModesAndLinksAndTellsTheCommandThatMendsThem)
@@ -414,6 +704,8 @@ TEST(KitStatus, OfAnAccountsScopeTellsRootToTakeItsPlace)
     ASSERT_EQ(commands.size(), 1U);
     EXPECT_TRUE(commands[0].starts_with("sudo -u '#501' '/Users/player/Library/Application Support/"))
         << commands[0];
+    follow(commands);
+    EXPECT_EQ(stateOf("install-1"), "completed");
 }
 
 TEST(KitStatus, IsTheSameTwice)

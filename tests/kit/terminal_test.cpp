@@ -80,6 +80,18 @@ TEST(KitTerminal, ShowsProgressWhileHashingAndErasesIt)
     EXPECT_NE(written.find("\r\033[Kwritten ", last), std::string::npos) << written;
 }
 
+TEST(KitTerminal, ShowsProgressWhileAuditing)
+{
+    const Plugin alpha = plugin("alpha", "1.0");
+    install("system", commonPackage());
+    install("system", alpha);
+    writeFile(inWorkshop("plan"), planText({alpha}));
+    std::filesystem::resize_file(rootOf("system") / vst3Path("alpha"), 400000000);
+    const Arguments words = {"verify", "system", "--against", inWorkshop("plan")};
+    EXPECT_TRUE(holds(onTerminal(words, {"TERM=xterm"}), "auditing ["));
+    EXPECT_EQ(kit(words).err, "");
+}
+
 TEST(KitTerminal, ShowsNoProgressWhenQuietOrElsewhere)
 {
     Arguments words = planOfALargeTree();
