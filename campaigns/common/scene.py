@@ -94,8 +94,12 @@ def restore(scene):
 def transform(present, wanted):
     """Makes the disk look exactly like `wanted`; `present` is what it looks like. Touches nothing that stays."""
     for path in reversed(present):
-        if present[path] != wanted.get(path) and not _both_directories(present[path], wanted.get(path)):
-            os.rmdir(path) if stat.S_ISDIR(present[path].mode) else os.unlink(path)
+        if present[path] == wanted.get(path) or _both_directories(present[path], wanted.get(path)):
+            continue
+        if stat.S_ISDIR(present[path].mode):
+            os.rmdir(path)
+        else:
+            os.unlink(path)
     for path, entry in wanted.items():
         if present.get(path) != entry:
             put(path, entry)
