@@ -89,9 +89,9 @@ class Bench:
         syncs = {}
         measured = {"prepare-move": [], "commit-move": [], "rollback-move": []}
 
-        def both(word, identifier, work):
+        def both(word, identifier, work, discarded=()):
             run = self.command(word, scope, identifier)
-            measured[word].append((run, floor.run(logged_calls(), work, syncs[word])))
+            measured[word].append((run, floor.run(logged_calls(), work, syncs[word], discarded)))
 
         affected = [package for package in everything if package in brought]
         prepare = hashes(scope, everything, 4) + hashes(scope, affected) + \
@@ -100,6 +100,9 @@ class Bench:
         changed = [package for package in brought if package.identifier.endswith(".au")]
         # The proofs read the two copies of each file, the restoration looks at each place twice.
         rollback = hashes(scope, brought, 4) + hashes(scope, changed) + copies(scope, changed, place, "restored")
+
+        # Every file lies twice in a transaction, which goes when the transaction ends.
+        snapshots = [scene.ROOT[scope] / file.path for package in brought for file in package.files] * 2
 
         identifier = self.fresh(scope, brought)
         for word in ("prepare-move", "commit-move"):
@@ -111,11 +114,11 @@ class Bench:
         for _ in range(rounds):
             identifier = self.fresh(scope, brought)
             both("prepare-move", identifier, prepare)
-            both("commit-move", identifier, commit)
+            both("commit-move", identifier, commit, snapshots)
             identifier = self.fresh(scope, brought)
             self.command("prepare-move", scope, identifier)
             self.tamper(scope, changed)
-            both("rollback-move", identifier, rollback)
+            both("rollback-move", identifier, rollback, snapshots)
         return {word: side_by_side([p[0] for p in pairs], [p[1] for p in pairs], syncs=syncs[word])
                 for word, pairs in measured.items()}
 
@@ -318,7 +321,7 @@ class mounted:
         if self.image:
             with open(self.image, "wb") as image:
                 image.truncate(max(4 * self.size, 1 << 30))
-            subprocess.run([self.what, "-q", self.image], check=True)
+            subprocess.run([self.what, "-q", self.image], check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             subprocess.run(["mount", "-o", "loop", self.image, "/Library"], check=True)
         else:
             self.what.mkdir(mode=0o755)
@@ -336,7 +339,7 @@ class mounted:
 
 
 def filesystem(place):
-    return subprocess.run(["stat", "-f", "-c", "%T", place], capture_output=True, text=True, check=True).stdout.strip()
+    return subprocess.run(["findmnt", "-no", "FSTYPE", "--target", place], capture_output=True, text=True, check=True).stdout.strip()
 
 
 def sized_plan(files):

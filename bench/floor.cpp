@@ -7,12 +7,13 @@
 //                              synced by its directory
 //   write TAB FILE TAB SIZE    the same with a new file of SIZE bytes
 //   sync TAB DIRECTORY         synchronises a directory
-//   remove TAB FILE            removes the file and synchronises its directory
+//   discard TAB DIRECTORY      removes a directory with what is in it
 
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <linux/fs.h>
 #include <memory>
@@ -146,10 +147,9 @@ void carryOut(const Words& words)
         writeFile(words.at(1), std::stoul(words.at(2)));
     else if (what == "sync")
         syncDirectory(words.at(1));
-    else if (what == "remove") {
-        require(::unlink(words.at(1).c_str()) == 0, "unlink");
-        syncDirectory(directoryOf(words.at(1)));
-    } else
+    else if (what == "discard")
+        std::filesystem::remove_all(words.at(1));
+    else
         require(false, "script");
 }
 

@@ -4,6 +4,7 @@ The pkgutil runs are those that the stand-in logged for the program itself; the 
 command has to prove, and the syncs are filled up to the number that the program makes.
 """
 
+import os
 import shutil
 import subprocess
 from pathlib import Path
@@ -27,10 +28,20 @@ class Floor:
         self.directory = Path(directory)
         self.script = Path("/tmp/floor-script")
 
-    def run(self, calls, work, syncs):
-        """Runs the floor with these logged pkgutil calls; `syncs` is how often the program synchronised."""
+    def run(self, calls, work, syncs, discarded=()):
+        """Runs the floor with these logged pkgutil calls.
+
+        syncs      how often the program synchronised
+        discarded  files whose copies a transaction has left, to be removed
+        """
         shutil.rmtree(self.directory, ignore_errors=True)
         self.directory.mkdir(parents=True)
+        if discarded:
+            (self.directory / "old").mkdir()
+            for number, file in enumerate(discarded):
+                subprocess.run(["cp", "--reflink=auto", file, self.directory / f"old/{number}"], check=True)
+            os.sync()
+            work = [*work, f"discard\t{self.directory}/old"]
         own_syncs = sum(2 for line in work if line.split("\t")[0] in ("copy", "write"))
         fill = [f"sync\t{self.directory}"] * max(0, syncs - own_syncs)
         self.script.write_text("\n".join([f"pkgutil\t{call}" for call in calls] + work + fill) + "\n")

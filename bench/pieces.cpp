@@ -68,7 +68,7 @@ std::string numbered(std::size_t number)
 
 std::string descriptorOf(std::size_t files)
 {
-    Descriptor descriptor{"bench", "7", "none", "system", "none", "bench", {}, {{"a", "-", "1.0"}}, {}};
+    Descriptor descriptor{"bench", "7", "none", "system", "none", "bench", {{"a", "-", "1.0"}}, {}, {}};
     for (std::size_t i = 0; i < files; ++i)
         descriptor.files.push_back({"a", productPackageId("a", "vst3"), "1.0", digest,
                                     std::string(vst3Destination) + "TP A.vst3/Contents/" + numbered(i)});

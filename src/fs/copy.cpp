@@ -153,8 +153,9 @@ OpenFile openForeign(const std::filesystem::path& path)
 void publishCopy(const OpenFile& source, const FixedPlace& destination,
                  const std::optional<std::string>& expectedHash)
 {
-    publishAtomically(destination, Durability::Copy,
-                      [&](int descriptor) { copyExpected(descriptor, source, expectedHash); });
+    publishAtomically(
+        destination, Durability::Copy,
+        [&](int descriptor) { copyExpected(descriptor, source, expectedHash); }, Access::ReadAndWrite);
 }
 
 /// Copies to a place outside both scopes.

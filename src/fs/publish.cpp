@@ -34,11 +34,11 @@ void requireReplaceable(int directory, const std::string& name, uid_t owner)
         throw Invalid("fixed metadata destination is unsafe");
 }
 
-OwnedFd createTemporary(int directory, const std::string& name, uid_t owner)
+OwnedFd createTemporary(int directory, const std::string& name, uid_t owner, Access access)
 {
-    OwnedFd file(withOwnersPower(directory, owner, [&] {
-        return ::openat(directory, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, metadataMode);
-    }));
+    const int flags = (access == Access::Write ? O_WRONLY : O_RDWR) | O_CREAT | O_EXCL | O_CLOEXEC;
+    OwnedFd file(withOwnersPower(directory, owner,
+                                 [&] { return ::openat(directory, name.c_str(), flags, metadataMode); }));
     if (!file)
         throw std::runtime_error("cannot create fixed metadata atomically");
     return file;
@@ -74,7 +74,8 @@ void writeForeign(const std::filesystem::path& path, std::string_view content)
 
 } // namespace
 
-void publishAtomically(const FixedPlace& place, Durability durability, const std::function<void(int)>& write)
+void publishAtomically(const FixedPlace& place, Durability durability, const std::function<void(int)>& write,
+                       Access access)
 {
     const OwnedFd directory =
         openFixedDirectory(place.scope, parentOf(place.relative), true, isChecked(place.relative));
@@ -84,7 +85,7 @@ void publishAtomically(const FixedPlace& place, Durability durability, const std
     if (durability == Durability::Record)
         removeLeftovers(place.scope, directory.get(), name);
     const std::string temporary = temporaryName(name);
-    OwnedFd file = createTemporary(directory.get(), temporary, owner);
+    OwnedFd file = createTemporary(directory.get(), temporary, owner, access);
     try {
         fillAndRename(directory.get(), std::move(file), temporary, name, owner, durability, write);
     } catch (...) {

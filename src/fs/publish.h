@@ -9,6 +9,9 @@
 
 namespace maintenance {
 
+/// What a new file is open for.
+enum class Access { Write, ReadAndWrite };
+
 /// Publishes a file atomically and durably: what `write` produces appears whole under the final name, with
 /// mode 0600 and owned by the scope's owner, or not at all. Missing directories are created; below the
 /// maker's support directory all of them are checked. Before a record is published, what killed runs have
@@ -16,8 +19,8 @@ namespace maintenance {
 ///
 /// place       where the file is to stand
 /// durability  how far the content and the name must have got when this returns
-/// write       writes the content to the descriptor that it is lent, open for reading too; may throw, which
-///             leaves the old content
+/// write       writes the content to the descriptor that it is lent; may throw, which leaves the old content
+/// access      whether `write` can read back what it wrote
 /// throws      Invalid "fixed metadata destination is unsafe"  something else than a single-linked regular
 ///                     file of the scope's owner stands there
 ///             std::runtime_error "cannot create fixed metadata atomically"  (also for a leftover of the
@@ -27,7 +30,7 @@ namespace maintenance {
 ///             what openFixedDirectory, assignCreatedOwner and `write` throw
 /// After any failure but the last the old content stands and the temporary file is gone.
 void publishAtomically(const FixedPlace& place, Durability durability,
-                       const std::function<void(int descriptor)>& write);
+                       const std::function<void(int descriptor)>& write, Access access = Access::Write);
 
 /// Publishes `content` at `place` as publishAtomically does.
 ///

@@ -153,6 +153,10 @@ Descriptor materializeDescriptor(const Plan& plan, const std::string& scope, con
             throw Invalid("target-side downgrade is refused");
         descriptor.products.push_back({product, present.value_or("-"), planned});
     }
+    std::size_t files = 0;
+    for (const PlanComponent& component : plan.components)
+        files += component.targets.size();
+    descriptor.files.reserve(files);
     for (const PlanComponent& component : plan.components)
         for (const auto& [path, sha256] : component.targets)
             descriptor.files.push_back(

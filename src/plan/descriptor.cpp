@@ -148,25 +148,52 @@ void requireContent(const Descriptor& descriptor)
             refuse("product has no files");
 }
 
-std::string joined(std::initializer_list<std::string_view> fields)
+/// Appends `keyword` and the fields, separated by tabs, as one line.
+void appendLine(std::string& text, std::string_view keyword, std::initializer_list<std::string_view> fields)
 {
-    std::string line;
+    text += keyword;
+    bool first = true;
     for (const std::string_view field : fields) {
-        if (!line.empty())
-            line += '\t';
-        line += field;
+        if (!first)
+            text += '\t';
+        text += field;
+        first = false;
     }
-    return line;
+    text += '\n';
 }
 
-std::string productFields(const Product& product)
+void appendProduct(std::string& text, std::string_view keyword, const Product& product)
 {
-    return joined({product.id, product.sourceVersion, product.targetVersion});
+    appendLine(text, keyword, {product.id, product.sourceVersion, product.targetVersion});
 }
 
-std::string fileFields(const File& file)
+void appendFile(std::string& text, std::string_view keyword, const File& file)
 {
-    return joined({file.product, file.packageId, file.version, file.path, file.sha256});
+    appendLine(text, keyword, {file.product, file.packageId, file.version, file.path, file.sha256});
+}
+
+/// Makes room for the lines of all files at once; a text that grows would hold twice the memory meanwhile.
+void reserveForFiles(std::string& text, const std::vector<File>& files)
+{
+    constexpr std::size_t separators = 16;
+    std::size_t size = text.size();
+    for (const File& file : files)
+        size += file.product.size() + file.packageId.size() + file.version.size() + file.path.size() +
+                file.sha256.size() + separators;
+    text.reserve(size);
+}
+
+/// The records in the order of what `key` says of them.
+template <typename Record, typename Key>
+std::vector<const Record*> sortedBy(const std::vector<Record>& records, Key key)
+{
+    std::vector<const Record*> sorted;
+    sorted.reserve(records.size());
+    for (const Record& record : records)
+        sorted.push_back(&record);
+    std::sort(sorted.begin(), sorted.end(),
+              [key](const Record* one, const Record* other) { return one->*key < other->*key; });
+    return sorted;
 }
 
 } // namespace
@@ -216,28 +243,23 @@ std::string descriptorText(const Descriptor& descriptor)
                        "\nsourceScope=" + descriptor.sourceScope + "\ntargetScope=" + descriptor.targetScope +
                        "\ndecision=" + descriptor.decision + "\n";
     for (const Product& product : descriptor.products)
-        text += "product=" + productFields(product) + "\n";
+        appendProduct(text, "product=", product);
+    reserveForFiles(text, descriptor.files);
     for (const File& file : descriptor.files)
-        text += "target=" + fileFields(file) + "\n";
+        appendFile(text, "target=", file);
     return text;
 }
 
 std::string canonical(const Descriptor& descriptor)
 {
-    std::vector<Product> products = descriptor.products;
-    std::sort(products.begin(), products.end(),
-              [](const Product& one, const Product& other) { return one.id < other.id; });
-    std::vector<File> files = descriptor.files;
-    std::sort(files.begin(), files.end(),
-              [](const File& one, const File& other) { return one.path < other.path; });
-
     std::string text = std::string(descriptorSchema) + "\n" + descriptor.sku + "\n" +
                        descriptor.packageRevision + "\n" + descriptor.sourceScope + "\n" +
                        descriptor.targetScope + "\n" + descriptor.decision + "\n" + descriptor.id + "\n";
-    for (const Product& product : products)
-        text += "product\t" + productFields(product) + "\n";
-    for (const File& file : files)
-        text += "target\t" + fileFields(file) + "\n";
+    for (const Product* product : sortedBy(descriptor.products, &Product::id))
+        appendProduct(text, "product\t", *product);
+    reserveForFiles(text, descriptor.files);
+    for (const File* file : sortedBy(descriptor.files, &File::path))
+        appendFile(text, "target\t", *file);
     return text;
 }
 
