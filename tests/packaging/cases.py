@@ -1,4 +1,4 @@
-"""The scripts that ship for macOS, run for real. usage: cases.py --list | BUILD SAMPLES CASE"""
+"""The scripts that ship for macOS, run for real. usage: cases.py --list | SAMPLES CASE"""
 
 import re
 import subprocess
@@ -11,7 +11,7 @@ from machine import (ENVIRONMENT, INSTALLER_RULES, JOB, PKGUTIL_CALLS, PKGUTIL_R
                      MODULE, Machine)
 
 PACKAGING = Path(__file__).resolve().parents[2] / "packaging/macos"
-BUILD = SAMPLES = ""
+SAMPLES = ""
 HERON_1 = {"common": "1", "heron.au": "1.0.0", "heron.vst3": "1.0.0"}
 HERON_2 = {"common": "2", "heron.au": "1.1.0", "heron.vst3": "1.1.0"}
 ID = re.compile(r"(install|move-heron)-([0-9a-f]{64}|\d{14}-\d+)")
@@ -239,23 +239,11 @@ class Installing:
         self.assert_finished()
 
     def test_power_cut_after_the_receipts_is_committed_at_the_next_start(self):
-        self.die_in_the_job("heron-1")
+        self.end_without_job("heron-1")
         self.machine.restart()
         self.assertEqual(masked(self.machine.job_log()), ["committed: install"])
         self.assertEqual(self.machine.receipts(), HERON_1)
         self.assert_finished()
-
-    def die_in_the_job(self, package):
-        """A double click whose job is killed before it has done anything, with all receipts written."""
-        self.open_and_cut_the_power(package)
-        self.machine.run("launchctl", "bootout", f"{self.scope.domain}/{JOB}")
-        kept = self.keep_open()
-        self.assertEqual(self.machine.run("installer", "-pkg", self.machine.named(package), "-target",
-                                          self.scope.target)[0], 0)
-        kept()
-
-    def keep_open(self):
-        raise NotImplementedError
 
     def test_job_that_commit_move_refuses_puts_back_what_was_there(self):
         self.install("heron-1")
@@ -270,7 +258,7 @@ class Installing:
 
     def end_without_job(self, package):
         """A double click after which the job has not begun yet."""
-        driver = subprocess.Popen(["sleep", "60"], **self.scope.account)
+        driver = subprocess.Popen(["sleep", "600"], **self.scope.account)
         with Ending(driver):
             self.machine.run("mkdir", "-p", self.scope.finishing)
             self.machine.run("sh", "-c", f"echo {driver.pid} >'{self.scope.finishing}/driver'")
@@ -288,7 +276,9 @@ class Installing:
         self.assertEqual(self.machine.shown(), [f"The installation is not complete. {AGAIN}"] if self.scope is USER else [])
         self.assert_open()
         status, said = self.machine.drive("heron-2")
-        self.assertEqual((status, masked(said)[-1]), (0, "committed: install"), said)
+        self.assertEqual((status, masked(said)[-5:]), (0, [
+            "  preinstall: continued: install", '  preinstall: inspect: {"status":"repair"}',
+            "  preinstall: prepare-move: done", "  postinstall: finishing job: left to the driver", "committed: install"]))
         self.assertEqual(self.machine.receipts(), HERON_2)
         self.assert_finished()
 
@@ -327,13 +317,11 @@ class Installing:
 
     def test_job_that_runs_twice_finds_nothing_to_do(self):
         self.end_without_job("heron-1")
-        copy = Path("/packages/copy")
         self.machine.run("cp", "-R", self.scope.finishing, "/tmp/copy")
         job = ["sh", "/tmp/copy/finish-installation", self.scope.name]
         running = [subprocess.Popen(job, stdout=subprocess.PIPE, text=True, env=ENVIRONMENT, **self.scope.account)
                    for _ in range(2)]
         said = [process.communicate()[0] for process in running]
-        self.assertFalse(copy.exists())
         self.assertEqual([process.returncode for process in running], [0, 0], said)
         status, said = self.machine.run(*job)
         self.assertEqual((status, [line[20:] for line in said]), (0, ["nothing to finish"]))
@@ -356,7 +344,7 @@ class Installing:
         self.assert_finished()
 
     def test_two_drivers_at_once_are_refused(self):
-        other = subprocess.Popen(["sleep", "60"], **self.scope.account)
+        other = subprocess.Popen(["sleep", "600"], **self.scope.account)
         with Ending(other):
             self.machine.run("mkdir", "-p", self.scope.finishing)
             self.machine.run("sh", "-c", f"echo {other.pid} >'{self.scope.finishing}/driver'")
@@ -372,9 +360,6 @@ class Installing:
 
 class InTheHome(Installing, unittest.TestCase):
     scope = USER
-
-    def die_in_the_job(self, package):
-        self.end_without_job(package)
 
     def test_without_a_session_the_job_begins_at_the_next_login(self):
         self.machine.nobody_at_the_screen()
@@ -393,9 +378,6 @@ class InTheHome(Installing, unittest.TestCase):
 
 class ForAll(Installing, unittest.TestCase):
     scope = SYSTEM
-
-    def die_in_the_job(self, package):
-        self.end_without_job(package)
 
     def test_an_account_is_refused(self):
         self.assertEqual(self.machine.drive("heron-1", account=PLAYER), (
@@ -556,11 +538,11 @@ def cases():
 
 
 def main():
-    global BUILD, SAMPLES
+    global SAMPLES
     if sys.argv[1:] == ["--list"]:
         print("\n".join(cases()))
         return
-    BUILD, SAMPLES, case = sys.argv[1:]
+    SAMPLES, case = sys.argv[1:]
     unittest.main(argv=["cases.py", case])
 
 
