@@ -22,11 +22,14 @@ ALL = None
 DOCUMENT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../docs/recovery.md")
 LONGEST = 3
 SIZES = {
-    "sample": {"kill": 5, "error": 1},
+    "sample": {"kill": 4, "error": 1},
     "full": {"kill": ALL, "error": 40, "stuck": 10, "pkgutil": 20},
 }
-SAMPLED = ("account-user/clean/*", "account-user/upgrade/*", "root-user/remove-last/*", "root-system/repair/*",
-           "user-to-system/dropped/*", "system-to-user/kept/*")
+SAMPLED = ("account-user/clean/begin-install", "account-user/clean/commit-move", "account-user/upgrade/prepare-move",
+           "account-user/upgrade/rollback-half", "account-user/upgrade/commit-refused",
+           "root-user/remove-last/uninstall-product", "root-system/repair/commit-move",
+           "user-to-system/dropped/prepare-move", "user-to-system/dropped/commit-move",
+           "system-to-user/kept/commit-move", "system-to-user/kept/rollback-half")
 PARTS = {"sample": 1, "full": 4}
 # What can be done about a transaction, the likely things first. "installer" installs its packages.
 DEEDS = ("rollback-move", "commit-move", "uninstall-product", "prepare-move", "begin-install", "installer")

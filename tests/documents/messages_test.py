@@ -112,8 +112,7 @@ def messages():
                         parts.add(subject)
                         for ending in endings:
                             found.setdefault(subject + ending, set()).add(65)
-        prefix = re.search(r"void refuse\(const char\* reason\)\s*\{ ?\s*throw Invalid\((.*?) \+ (?:\" \" \+ )?reason\)",
-                           text)
+        prefix = re.search(r"void refuse\(const char\* reason\)\s*\{\s*throw Invalid\((.*?) \+ (?:\" \" \+ )?reason\)", text)
         if prefix:
             whole = re.search(LITERAL, prefix[1])
             whole = whole[1] if whole else named["subject"]
