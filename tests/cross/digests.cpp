@@ -26,11 +26,11 @@ int main()
         lengths.push_back(length);
     for (const auto& [name, compress] : found)
         for (const std::size_t length : lengths)
-            for (const std::size_t offset : {0, 3}) {
+            for (const unsigned offset : {0U, 3U}) {
                 Sha256 hash;
                 hash.compress = compress;
                 hash.feed(content.data() + offset, length);
-                std::printf("%s %zu %zu %s\n", name, length, offset, hash.finish().c_str());
+                std::printf("%s %zu %u %s\n", name, length, offset, hash.finish().c_str());
             }
     std::printf("chosen %s\n", fastestCompression() == found.back().second ? found.back().first : "another");
     return 0;
