@@ -1,6 +1,7 @@
 #include "transaction/transaction_directory.h"
 
 #include "fs/directory_entries.h"
+#include "fs/trouble.h"
 #include "transaction/preparing.h"
 #include "transaction/transaction_scopes.h"
 
@@ -560,6 +561,36 @@ void expectLeasesToMatter(void (*end)(const Descriptor&, const PreparedState&), 
             expectUnchanged(work, end, invalid("durable transaction lease ownership or mode is unsafe"),
                             what);
         }
+}
+
+TEST(FinishTransaction, SettlesEveryScopeBeforeItPublishesTheRecord)
+{
+    const Work work = Work("system").from("user").brings(alpha);
+    plantAnew(work);
+    std::vector<std::string> synchronized;
+    const Decide record = [&](const SystemCall& call) {
+        if (!isThere(completedOf(work)))
+            synchronized.push_back(openPath(call));
+        return 0;
+    };
+    const Descriptor descriptor = descriptorFor(work);
+    const PreparedState state = stateOf(work);
+    EXPECT_EQ(stopping({SYS_fsync}, record, [&] { finishTransaction(descriptor, state); }), returned());
+    ASSERT_EQ(synchronized.size(), 3U); // the third is of the record itself
+    EXPECT_EQ(synchronized[0], "/Users/player/Library");
+    EXPECT_EQ(synchronized[1], "/Library");
+}
+
+TEST(FinishTransaction, PublishesNoRecordWhenAScopeCannotBeSettled)
+{
+    const Work work = Work("system").from("user").brings(alpha);
+    plantAnew(work);
+    const Tree before = takeTree();
+    const Descriptor descriptor = descriptorFor(work);
+    for (const int nth : {1, 2})
+        EXPECT_EQ(failing(SYS_fsync, nth, EIO, [&] { finishTransaction(descriptor, stateOf(work)); }),
+                  runtimeError("cannot synchronize fixed metadata directory"));
+    EXPECT_EQ(difference(before, takeTree()), "");
 }
 
 TEST(FinishTransaction, ChangesNothingWhenALeaseIsNotItsOwn)
