@@ -47,7 +47,7 @@ class Floor:
         missing = max(0, syncs - own_syncs)
         fill = [f"write\t{self.directory}/record{number}\t64" for number in range(missing // 2)]
         fill += [f"sync\t{self.directory}"] * (missing % 2)
-        self.script.write_text("\n".join([f"pkgutil\t{call}" for call in calls] + work + fill) + "\n")
+        self.script.write_text("".join(f"{line}\n" for line in [f"pkgutil\t{call}" for call in calls] + work + fill))
         result = self.launcher.run(self.program, self.script)
         shutil.rmtree(self.directory)
         if result.status != 0:
