@@ -168,6 +168,12 @@ class Bench:
                              "seconds": summary(runs), "peak": max(run.peak for run in runs), "status": runs[0].status}
             if name == "largest":
                 continue
+            # What starting its pkgutil runs takes of a process, whichever it is.
+            floor = self.floor("system")
+            calls = logged_calls()
+            runs = {count: [floor.run(calls[:count], [], 0) for _ in range(rounds)] for count in (0, len(calls))}
+            results[name]["starting"] = summary(runs[len(calls)], "own")["median"] - summary(runs[0], "own")["median"]
+            results[name]["calls"] = len(calls)
             scene.clear()
             size = scene.publish("sized", "system", packages)
             # Ends where the transaction should be, when everything up to there is done: no pkgutil run, no hash.

@@ -43,8 +43,11 @@ class Floor:
             os.sync()
             work = [*work, f"discard\t{self.directory}/old"]
         own_syncs = sum(2 for line in work if line.split("\t")[0] in ("copy", "write"))
-        fill = [f"sync\t{self.directory}"] * max(0, syncs - own_syncs)
-        self.script.write_text("\n".join([f"pkgutil\t{call}" for call in calls] + work + fill) + "\n")
+        # Each of the others follows a change too, mostly a record that is written and gets its name.
+        missing = max(0, syncs - own_syncs)
+        fill = [f"write\t{self.directory}/record{number}\t64" for number in range(missing // 2)]
+        fill += [f"sync\t{self.directory}"] * (missing % 2)
+        self.script.write_text("".join(f"{line}\n" for line in [f"pkgutil\t{call}" for call in calls] + work + fill))
         result = self.launcher.run(self.program, self.script)
         shutil.rmtree(self.directory)
         if result.status != 0:

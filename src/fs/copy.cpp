@@ -26,15 +26,16 @@ constexpr const char* unreadableSource = "cannot read transaction source";
 
 /// Tells whether the account that a user scope belongs to could not have read the file itself. A copy that
 /// is given to the account must not tell it more than the original.
-bool isWithheldFromOwner(const OpenFile& file, const std::string& scope)
+bool isWithheldFromOwner(const OpenFile& file, const FixedPlace& place)
 {
-    return scope == "user" && file.status.st_uid != scopeOwner(scope) && (file.status.st_mode & S_IROTH) == 0;
+    return place.scope == "user" && file.status.st_uid != scopeOwner(place.scope) &&
+           (file.status.st_mode & S_IROTH) == 0;
 }
 
 OpenFile openSource(const FixedPlace& place)
 {
     OpenFile source = openExamined(regular(place, "transaction source"), unreadableSource, unsafeSource);
-    if (isWithheldFromOwner(source, place.scope))
+    if (isWithheldFromOwner(source, place))
         throw Invalid(unsafeSource);
     return source;
 }
@@ -217,13 +218,6 @@ void copyFixed(const FixedPlace& source, const FixedPlace& destination,
                const std::optional<std::string>& expectedHash)
 {
     publishCopy(openSource(source), destination, expectedHash);
-}
-
-void copyOpened(const OpenFile& source, const std::string& scope, const FixedPlace& destination)
-{
-    if (isWithheldFromOwner(source, scope))
-        throw Invalid(unsafeSource);
-    publishCopy(source, destination, std::nullopt);
 }
 
 void copyRegular(const std::filesystem::path& source, const std::filesystem::path& destination,

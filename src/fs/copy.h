@@ -25,10 +25,6 @@ namespace maintenance {
 void copyFixed(const FixedPlace& source, const FixedPlace& destination,
                const std::optional<std::string>& expectedHash);
 
-/// Copies a file of `scope` that safeFile has opened, from its first byte, as copyFixed does without an
-/// expected hash. Throws what copyFixed throws, but for what a file that cannot be opened would give.
-void copyOpened(const OpenFile& source, const std::string& scope, const FixedPlace& destination);
-
 /// Copies one regular file between absolute paths as copyFixed does. A copy to a place outside both scopes is
 /// made beside it and renamed over it, with mode 0600.
 ///

@@ -70,7 +70,9 @@ void snapshotFiles(const Descriptor& descriptor)
             publishSnapshot(targetAbsence(descriptor, i), "absent\n");
             continue;
         }
-        copyOpened(safeFile(place), place.scope, targetSnapshot(descriptor, i));
+        // For its messages, which say more of a wrong path than the copy's do.
+        safeFile(place);
+        copyFixed(place, targetSnapshot(descriptor, i), std::nullopt);
     }
 }
 
