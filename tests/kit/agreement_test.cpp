@@ -65,9 +65,14 @@ TEST(KitAgreement, HoldsForEightThousandMutatedPlans)
     Mutator mutator(1);
     const std::vector<std::string> plans = rightPlans();
     Tally tally;
+    // Many texts come out unchanged, and the tool asks the package database about each that it takes.
+    std::map<std::string, std::string> answers;
     for (int i = 0; i < 8000 && !HasFailure(); ++i) {
         const std::string text = mutator.mutate(mutator.pick(plans));
-        compare(text, toolOnPlan(text), kit::diagnosePlan(text, "plan"), tally);
+        const auto [answer, isNew] = answers.try_emplace(text);
+        if (isNew)
+            answer->second = toolOnPlan(text);
+        compare(text, answer->second, kit::diagnosePlan(text, "plan"), tally);
     }
     EXPECT_GT(tally.accepted, 500);
     EXPECT_GT(tally.refused, 4000);
