@@ -6,7 +6,7 @@ import re
 from dataclasses import dataclass, field
 
 from common import installation, products, scene, tool
-from faults import scenarios
+from common import scenarios
 
 ATTEMPT = products.MAINTENANCE + "/PendingInstall"
 LEASE = products.MAINTENANCE + "/ActiveTransaction"

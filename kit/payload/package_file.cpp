@@ -153,6 +153,8 @@ void readPackageFile(Reading& reading, const std::string& file, Payload& payload
             components[name].info = readPackageInfo(package.readAll(largestPackageInfo));
         else if (part == "Payload" && ::archive_entry_filetype(item) == AE_IFREG)
             readPayload(reading, package, placeOf(name), components[name]);
+        // A package that was cut off, or damaged, shows it where it is read to the end.
+        package.read([](std::string_view) {});
     }
     if (components.empty())
         throw Failure(Findings, printable(file) + " holds no component package",

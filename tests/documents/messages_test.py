@@ -74,7 +74,7 @@ class Subjects:
                 # What is caught here is never said.
                 body = re.sub(r"try \{.*?\} catch \(const Invalid&\) \{", "", body, flags=re.DOTALL)
                 count = parameters.count(",") + 1
-                self._own.setdefault((name, count), set()).update(re.findall(r"subject \+ " + LITERAL, body))
+                self._own.setdefault((name, count), set()).update(re.findall(r"subject\)? \+ " + LITERAL, body))
                 self._passed[name, count] = {
                     (called, len(given)) for called in re.findall(r"(\w+)\(", body)
                     for given in calls(body, called) if "subject" in given}
@@ -123,7 +123,7 @@ def messages():
         for kind, words in re.findall(r"throw (\S+?)\(\s*" + LITERAL, text):
             status = {"Invalid": 65, "DescriptorNotLocated": 66}.get(kind, 70)
             found.setdefault(words, set()).add(status)
-        parts.update(ending for ending in re.findall(r"subject \+ " + LITERAL, text))
+        parts.update(ending for ending in re.findall(r"subject\)? \+ " + LITERAL, text))
     for text in sources.values():
         for words in re.findall(LITERAL, text):
             words = words.replace("\\n", "\n")

