@@ -141,7 +141,7 @@ TEST(KitCheck, RefusesATextThatIsTooLarge)
 {
     std::string text = planText({plugin("alpha", "1.0")});
     while (text.size() <= 1048576)
-        text += "product=a\t1\n";
+        text += "product=" + std::string(4000, 'a') + "\t1\n";
     EXPECT_TRUE(
         messagesOf(checkText(planFile, text)).contains("embedded transaction plan is missing or unsafe"));
 }
