@@ -45,6 +45,9 @@ class Bench:
         if helped:
             self._remove_second_names(state)
             met = self._go(back)
+            if met and self._made.command == "commit-move":
+                # The refused commit had begun to take the installation back; this one has done so.
+                met = self._go(back)
         self._present = scene.capture()
         faults += met + going_on.judge_moment(self._made, fingerprints, "at the end", self._present, self._kept)
         return faults, helped
