@@ -11,7 +11,7 @@ TRIED = 12  # of the states that a sync kept from being, so many are put on disk
 def run(name):
     """Returns one line for each sync of a scenario's recording: noticed; repeated or removed, where
     nothing is lost without it because the same directory is synchronised again, or is itself removed, before anything
-    relies on it; or unnoticed."""
+    relies on it; empty, of a file that has no content to lose; or unnoticed."""
     bench = judge.Bench(name)
     usual = {_key(state) for state in bench.states()}
     syncs = [operation for operation in bench.recorded.operations if operation.name in recording.SYNCS]
@@ -19,8 +19,10 @@ def run(name):
     for index, operation in enumerate(syncs):
         found = _missed(bench, usual, operation.number)
         again = any(later.paths == operation.paths for later in syncs[index + 1:])
-        gone = operation.paths[0] not in bench.recorded.after
-        word = "noticed" if found else "repeated" if again else "removed" if gone else "UNNOTICED"
+        gone = operation.left.kind == "directory" and operation.paths[0] not in bench.recorded.after
+        empty = operation.left.content == b""
+        word = ("noticed" if found else "repeated" if again else "removed" if gone else "empty" if empty
+                else "UNNOTICED")
         lines.append(f"{word:9} {name} without {operation}" + (f": {found}" if found else ""))
     return lines
 
