@@ -21,16 +21,17 @@ FAMILIES = ("kill", "back", "error", "stuck", "short", "access", "memory", "pkgu
 SIZES = {
     "sample": {"kill": 12, "back": 2, "error": 8, "stuck": 2, "short": 1, "access": 5, "memory": 2, "pkgutil": 5,
                "chain": 2},
-    "full": {"kill": ALL, "back": 12, "error": 40, "stuck": 8, "short": 5, "access": 30, "memory": 8, "pkgutil": 40,
-             "chain": 10},
+    "full": {"kill": ALL, "back": 4, "error": 16, "stuck": 3, "short": 2, "access": 10, "memory": 3, "pkgutil": 14,
+             "chain": 4},
     "everything": {family: ALL for family in FAMILIES},
 }
 SAMPLED = ("account-user/clean/*", "account-user/upgrade/prepare-*", "account-user/remove-last/*",
            "root-user/upgrade/*", "root-user/remove-last/*", "root-system/repair/*", "root-system/remove-one/*",
            "user-to-system/dropped/*", "system-to-user/kept/*", "system-to-user/kept-removed/*")
-# These make the same calls as another scenario, in another situation; full takes not all of their kills either.
-REPEATING = ("*/remove-after-*", "*/remove-restored/*", "*-removed/*")
-REPEATED_KILLS = 80
+# These make the same calls as another scenario, in another situation or as another account; full takes not all of
+# their kills either.
+REPEATING = ("account-user/*", "root-system/*", "*/remove-after-*", "*/remove-restored/*", "*-removed/*")
+REPEATED_KILLS = 30
 PARTS = {"sample": 1, "full": 3, "everything": 20}  # of a scenario, so that the cores end at about the same time
 
 
