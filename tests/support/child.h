@@ -119,24 +119,29 @@ inline int receiveDescriptor(int channel)
     return *reinterpret_cast<const int*>(CMSG_DATA(header));
 }
 
-/// Answers stopped system calls until the child has none left to make.
-inline void decideSystemCalls(int listener, pid_t child, const Decide& decide)
+/// Answers stopped system calls until the child has none left to make. Those that follow its report go on.
+inline void decideSystemCalls(int listener, int channel, pid_t child, const Decide& decide)
 {
     std::map<long, int> counts;
+    std::array<pollfd, 2> waiting{{{listener, POLLIN, 0}, {channel, POLLIN, 0}}};
     for (;;) {
-        pollfd waiting{listener, POLLIN, 0};
-        if (::poll(&waiting, 1, 30000) <= 0) {
+        if (::poll(waiting.data(), waiting.size(), 30000) <= 0) {
             ::kill(child, SIGKILL);
             throw std::runtime_error("the child process hangs");
         }
-        if ((waiting.revents & POLLIN) == 0)
+        if (waiting[1].fd >= 0 && waiting[1].revents != 0) {
+            waiting[1].fd = -1;
+            continue;
+        }
+        if ((waiting[0].revents & POLLIN) == 0)
             return;
         seccomp_notif request{};
         if (::ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &request) != 0)
             continue;
         SystemCall call{request.data.nr, {}, ++counts[request.data.nr], static_cast<pid_t>(request.pid)};
         std::copy(std::begin(request.data.args), std::end(request.data.args), call.arguments.begin());
-        const int decision = decide(call);
+        const bool isReported = waiting[1].fd < 0;
+        const int decision = isReported ? 0 : decide(call);
         if (decision == killChild) {
             ::kill(child, SIGKILL);
             return;
@@ -220,7 +225,7 @@ inline Ending inChild(uid_t account, const std::vector<long>& stopped, const Dec
     ::close(channel[1]);
     if (!stopped.empty()) {
         const int listener = detail::receiveDescriptor(channel[0]);
-        detail::decideSystemCalls(listener, child, decide);
+        detail::decideSystemCalls(listener, channel[0], child, decide);
         ::close(listener);
     }
     const std::string report = detail::receiveAll(channel[0]);
