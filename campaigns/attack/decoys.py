@@ -239,11 +239,17 @@ class Maker:
 
     def _root_closed(self, place):
         """Files that all may read in directories that only root may enter."""
-        return self._beside(place, ROOT, (0o700, 0o644), True)
+        return self._closed(place, 0o700, 0o644)
 
     def _root_group(self, place):
         """The same for root's group."""
-        return self._beside(place, ROOT, (0o770, 0o664), True)
+        return self._closed(place, 0o770, 0o664)
+
+    def _closed(self, place, directories, files):
+        """A file alone has no directory of root's that keeps it from others."""
+        if os.path.isfile(place) and not os.path.islink(place):
+            return self._root_secret(place)
+        return self._beside(place, ROOT, (directories, files), True)
 
     def _root_open(self, place):
         """Directories of root in which everybody can exchange everything."""

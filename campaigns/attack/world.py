@@ -190,6 +190,14 @@ class Guard:
                 lines.append(f"foreign bytes in the system scope: {path}")
         return lines
 
+    def _has_right_names(self, path, status):
+        """Products may go from, and come back to, a directory that held some; any other keeps just its names."""
+        if status.st_ino not in self._names:
+            return True
+        staying, names = self._names[status.st_ino]
+        now = set(os.listdir(path))
+        return staying <= now and (staying != names or now <= names)
+
     def _home_faults(self):
         lines = []
         seen = set()
@@ -200,8 +208,7 @@ class Guard:
             known = self._strict.get(status.st_ino) or self._loose.get(status.st_ino)
             if known:
                 now = fingerprint(path)[:len(known[1])]
-                staying, names = self._names.get(status.st_ino, (set(), None))
-                if now != known[1] or names is not None and not staying <= set(os.listdir(path)) <= names:
+                if now != known[1] or not self._has_right_names(path, status):
                     lines.append(f"another's, changed in the home: {known[0]}: {known[1]}, now {now}")
                 return
             if status.st_uid != self._owners.get(status.st_ino, runs.ACCOUNT):

@@ -6,6 +6,7 @@ each state instead, as the document's tables have it.
 """
 
 import os
+import plistlib
 import re
 import subprocess
 import sys
@@ -103,12 +104,16 @@ class Rehearsal:
                 with open(f"{root}/{path}", "wb") as file:
                     file.write(content)
             names.append(package.identifier + ".pkg")
-            subprocess.run([self._build + "/rehearsal/build-package", "--root", root, "--identifier",
-                            package.identifier, "--version", package.version, f"{work}/{names[-1]}"], check=True)
+            # The campaign's products are no bundles, and the list says so.
+            with open(work + "/bundles", "wb") as file:
+                plistlib.dump([], file)
+            subprocess.run([self._build + "/rehearsal/pkgbuild", "--root", root, "--component-plist", work + "/bundles",
+                            "--identifier", package.identifier, "--version", package.version,
+                            f"{work}/{names[-1]}"], check=True)
         with open(work + "/distribution", "w", encoding="ascii") as file:
             references = "".join(f'<pkg-ref id="{name[:-4]}">#{name}</pkg-ref>\n' for name in names)
             file.write(f'<installer-gui-script minSpecVersion="2">\n{references}</installer-gui-script>\n')
-        subprocess.run([self._build + "/rehearsal/build-product", "--distribution", work + "/distribution",
+        subprocess.run([self._build + "/rehearsal/productbuild", "--distribution", work + "/distribution",
                         "--package-path", work, work + ".pkg"], check=True)
         return work + ".pkg"
 
