@@ -15,6 +15,7 @@ SECRET = re.compile(b"[\xf5-\xff]")
 SEARCHED = ("/Users", "/Library", decoys.PRIVATE, "/run", "/var/db", "/var/neighbour", "/dev/shm")
 NAME = "(?:TP [A-Za-z0-9._ -]+|Mangrove Reverb)"    # of the maker's products
 BUNDLES = re.compile(f"(?:{products.VST3}/{NAME}\\.vst3|{products.COMPONENTS}/{NAME}\\.component)(?:/.*)?")
+BUNDLE = re.compile(f"{NAME}\\.(?:vst3|component)|Tamarind Pelican")
 MAKERS_FILES = re.compile(f"{products.SUPPORT}(?:|/installed-products\\.json|/\\.installed-products\\.json\\.new\\..*"
                           "|/TamarindPelican(?:Maintenance|Updater)|/\\.TamarindPelican.*\\.new\\..*|/Maintenance(?:/.*)?)")
 WAYS = {"Library", "Library/Application Support", "Library/Audio", "Library/Audio/Plug-Ins",
@@ -191,12 +192,12 @@ class Guard:
         return lines
 
     def _has_right_names(self, path, status):
-        """Products may go from, and come back to, a directory that held some; any other keeps just its names."""
+        """Products may go from, and come back to, a directory at their place; any other keeps just its names."""
         if status.st_ino not in self._names:
             return True
         staying, names = self._names[status.st_ino]
         now = set(os.listdir(path))
-        return staying <= now and (staying != names or now <= names)
+        return staying <= now and (staying != names or all(BUNDLE.fullmatch(name) for name in now - names))
 
     def _home_faults(self):
         lines = []
