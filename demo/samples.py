@@ -162,7 +162,7 @@ class Workshop:
                          "--version", version, "--out", self.work)
         return out
 
-    def installer(self, release, out, scope="user", wait=5, tool=None):
+    def installer(self, release, out, scope="user", wait=60, tool=None):
         """Builds a product archive that installs a release under the control of its plan.
 
         wait  how many seconds its finishing job waits for the receipts

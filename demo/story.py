@@ -18,6 +18,7 @@ IBIS_MOVED = Release("ibis", "1.0.0", "3")
 
 PKGUTIL_RULES = Path("/etc/pkgutil-stand-in.conf")
 INSTALLER_RULES = Path("/etc/installer-stand-in.conf")
+WAIT = 5    # seconds that a finishing job waits for receipts; here they come at once, or never
 KILL_THE_CALLER = "before=\"kill -KILL $(cut -d' ' -f4 /proc/$PPID/stat)\""
 
 
@@ -82,9 +83,9 @@ class Story:
         components = {(package, version) for release in releases for package, _, version in release.components}
         shop.build_all([(shop.component_package, *component) for component in sorted(components)])
         shop.build_all(
-            [(shop.installer, release, self.packages / f"{release.name} {release.version}.pkg")
+            [(shop.installer, release, self.packages / f"{release.name} {release.version}.pkg", "user", WAIT)
              for release in (HERON_1_0, HERON_1_1, HERON_1_2, IBIS_1_0)]
-            + [(shop.installer, HERON_REISSUED, self.packages / "TP Heron 1.0.0 reissued.pkg"),
+            + [(shop.installer, HERON_REISSUED, self.packages / "TP Heron 1.0.0 reissued.pkg", "user", WAIT),
                (shop.mover, HERON_1_2, "move-heron", self.packages / "Move TP Heron.pkg"),
                (shop.mover, IBIS_MOVED, "move-ibis", self.packages / "Move TP Ibis.pkg")])
         stage.play("player", ["bsdtar", "-tf", "TP Heron 1.0.0.pkg"], changes=0, out=self.archive_listing(HERON_1_0))
