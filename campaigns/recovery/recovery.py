@@ -14,8 +14,7 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
-from common import products, scene, tool, workers               # noqa: E402
-from common import scenarios                                    # noqa: E402
+from common import products, scenarios, scene, tool, workers    # noqa: E402
 from faults import pkgutil_ways, points                         # noqa: E402
 from recovery import document, situations                       # noqa: E402
 

@@ -5,8 +5,7 @@ import functools
 import re
 from dataclasses import dataclass, field
 
-from common import installation, products, scene, tool
-from common import scenarios
+from common import installation, products, scenarios, scene, tool
 
 ATTEMPT = products.MAINTENANCE + "/PendingInstall"
 LEASE = products.MAINTENANCE + "/ActiveTransaction"

@@ -23,9 +23,8 @@ void publishProductRecord(const std::string& scope, const std::string& product, 
 /// Rebuilds the scope's index and product records from its receipts alone. Interrupted, it leaves the
 /// previous index and some of the records; the next rebuild repairs both.
 ///
-/// known   products that the run knows to be installed, so that one answer of the package database that
-/// leaves
-///         them out is not recorded
+/// known   products that the run knows to be installed; an answer of the package database that leaves one
+///         out is not recorded
 /// throws  Invalid "pkgutil cannot enumerate authoritative package receipts" when one of them is not listed,
 ///         what receiptProducts throws, both before anything is changed; what removeFixedPath,
 ///         openFixedDirectory and text throw

@@ -14,8 +14,7 @@ import sys
 TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 sys.path.insert(0, TOP + "/campaigns")
 
-from common import products, tool           # noqa: E402
-from common import scenarios                # noqa: E402
+from common import products, scenarios, tool    # noqa: E402
 
 DOCUMENT = TOP + "/docs/formats.md"
 BLOCK = re.compile(r"^```(text|tree) (\w+) (\S+)\n(.*?)^```$", re.MULTILINE | re.DOTALL)

@@ -14,8 +14,7 @@ import sys
 TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 sys.path.insert(0, TOP + "/campaigns")
 
-from common import products, scene, tool, wholeness     # noqa: E402
-from common import scenarios                            # noqa: E402
+from common import products, scenarios, scene, tool, wholeness    # noqa: E402
 from recovery import document, situations               # noqa: E402
 
 NOT_LOCATED = ("maintenance descriptor directory is missing or unsafe", "maintenance descriptor is missing or unsafe")
