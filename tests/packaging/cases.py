@@ -337,7 +337,7 @@ class Installing:
         with Ending(driver):
             while not (self.scope.maintenance / "ActiveTransaction").exists():
                 time.sleep(0.02)
-        self.machine.run("pkill", "-KILL", "-x", "installer", account={})
+            os.killpg(driver.pid, signal.SIGKILL)
         PKGUTIL_RULES.unlink()
         self.machine.restart()
         self.assertEqual(self.machine.job_log(), [f"{RESTORED}the installer wrote no receipts"])
