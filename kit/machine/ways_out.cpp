@@ -80,6 +80,27 @@ Packages packagesSince(const MachineView& machine, const Descriptor* descriptor)
     }
 }
 
+/// Tells whether a product is installed in another version than the one from which the descriptor starts.
+bool startsFromAnother(const MachineView& machine, const Descriptor& descriptor)
+{
+    FindingList ignored;
+    const auto installed = registeredProducts(machine.registrations.at(descriptor.targetScope),
+                                              descriptor.targetScope, ignored);
+    return std::any_of(descriptor.products.begin(), descriptor.products.end(), [&](const Product& product) {
+        const auto found = installed.find(product.id);
+        return product.sourceVersion != "-" && found != installed.end() &&
+               found->second != product.sourceVersion;
+    });
+}
+
+/// Tells whether a descriptor was made when one of its products was not there, so that packages which are
+/// registered as it lists them have come since.
+bool isFirstInstallation(const Descriptor& descriptor)
+{
+    return std::any_of(descriptor.products.begin(), descriptor.products.end(),
+                       [](const Product& product) { return product.sourceVersion == "-"; });
+}
+
 /// An uninstallation and a repair of what is installed look alike on disk.
 bool mayBeUninstallation(const TransactionView& transaction, const Descriptor* descriptor)
 {
@@ -138,6 +159,29 @@ std::vector<std::string> after(const std::vector<std::string>& first, const std:
     return commands;
 }
 
+/// From an attempt of which nothing was prepared.
+void addBeginnings(WayFinder& finder, const MachineView& machine, const TransactionView& transaction,
+                   const Descriptor* descriptor)
+{
+    const bool again = descriptor == nullptr;
+    if (descriptor != nullptr && startsFromAnother(machine, *descriptor)) {
+        const std::string attempt = machine.scopes.at(transaction.target).pendingFile->path;
+        finder.note("an installation was begun, and its packages were installed without prepare-move; no "
+                    "command acts on it any more. Remove " +
+                    shellQuoted(attempt) + ", which keeps nothing, then run the installer again");
+        return;
+    }
+    if (descriptor != nullptr && isFirstInstallation(*descriptor) &&
+        isRegisteredAsDescribed(machine, *descriptor)) {
+        finder.note("an installation was begun, and its packages were installed without prepare-move");
+        finder.add("finish", "", {"prepare-move", "commit-move"});
+        return;
+    }
+    finder.note("an installation was begun and not prepared");
+    finder.addAfterBeginning(again, "finish", installBetween, {"prepare-move", "commit-move"});
+    finder.addAfterBeginning(again, "undo", "", {"prepare-move", "rollback-move"});
+}
+
 /// From Prepared, once the commands in `first` have led there.
 void addEndings(WayFinder& finder, const MachineView& machine, const TransactionView& transaction,
                 const Descriptor* descriptor, const std::vector<std::string>& first)
@@ -194,12 +238,8 @@ void addWaysOut(const MachineView& machine, TransactionView& transaction, const 
         return;
     switch (transaction.state) {
     case TransactionState::Absent:
-        if (!transaction.pending)
-            return;
-        finder.note("an installation was begun and not prepared; nothing of it is installed");
-        finder.addAfterBeginning(descriptor == nullptr, "finish", installBetween,
-                                 {"prepare-move", "commit-move"});
-        finder.addAfterBeginning(descriptor == nullptr, "undo", "", {"prepare-move", "rollback-move"});
+        if (transaction.pending)
+            addBeginnings(finder, machine, transaction, descriptor);
         return;
     case TransactionState::Creating:
         finder.note("it was interrupted before it changed anything");

@@ -122,6 +122,13 @@ std::string begunWithoutDescriptor()
     return id;
 }
 
+std::string installedUnprepared()
+{
+    const std::string id = begin();
+    installInSystem();
+    return id;
+}
+
 std::string creatingMove()
 {
     makeMove();
@@ -243,6 +250,7 @@ const std::vector<Situation> situations = {
      "absent",
      {{"finish", between, {"begin-install", "prepare-move", "commit-move"}},
       {"undo", "", {"begin-install", "prepare-move", "rollback-move"}}}},
+    {"InstalledUnprepared", installedUnprepared, "absent", {{"finish", "", {"prepare-move", "commit-move"}}}},
     {"CreatingMove",
      creatingMove,
      "creating",
@@ -488,6 +496,24 @@ TEST(KitStatus, OfABegunInstallationNamesItsAttemptAndTheCommandsThatEndIt)
     EXPECT_EQ(stateOf(id), "completed");
     EXPECT_FALSE(isThere(pendingOf("system")));
     EXPECT_EQ(kit({"status"}).status, 0);
+}
+
+TEST(KitStatus, OfAnUpgradeInstalledWithoutPreparationNamesTheFileThatKeepsOthersOut)
+{
+    installCommon();
+    install("system", plugin("alpha", "0.9"));
+    const std::string id = begin();
+    install("system", alpha);
+    const Json transaction = transactionIn(kitJson({"status"}), id);
+    EXPECT_EQ(transaction.at("waysOut").size(), 0U);
+    EXPECT_EQ(transaction.at("notes"),
+              Json::array({"an installation was begun, and its packages were installed without prepare-move; "
+                           "no command acts on it any more. Remove '" +
+                           pendingOf("system").native() +
+                           "', which keeps nothing, then run the installer again"}));
+    EXPECT_EQ(run({"prepare-move", "system", id}).err, "installed version changed before maintenance\n");
+    removeAll(pendingOf("system"));
+    EXPECT_NE(begin(), id);
 }
 
 TEST(KitStatus, OfADescriptorThatNobodyBeganIsAbsentAndNotOpen)
