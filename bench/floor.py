@@ -21,6 +21,18 @@ def copies(scope, packages, directory, name):
     return [f"copy\t{ROOT[scope] / file.path}\t{directory}/{name}{number}" for number, file in enumerate(files)]
 
 
+def alternating(calls, work):
+    """The pkgutil runs with the work spread among them, as a command asks about a package and then proves it.
+
+    All runs first would be faster: a process that hashes in between lets the other processor go idle.
+    """
+    lines = []
+    for number, call in enumerate(calls):
+        begin, end = (len(work) * step // len(calls) for step in (number, number + 1))
+        lines += [f"pkgutil\t{call}", *work[begin:end]]
+    return lines or list(work)
+
+
 class Floor:
     def __init__(self, program, launcher, directory):
         self.program = program
@@ -47,7 +59,7 @@ class Floor:
         missing = max(0, syncs - own_syncs)
         fill = [f"write\t{self.directory}/record{number}\t64" for number in range(missing // 2)]
         fill += [f"sync\t{self.directory}"] * (missing % 2)
-        self.script.write_text("".join(f"{line}\n" for line in [f"pkgutil\t{call}" for call in calls] + work + fill))
+        self.script.write_text("".join(f"{line}\n" for line in alternating(calls, work) + fill))
         result = self.launcher.run(self.program, self.script)
         shutil.rmtree(self.directory)
         if result.status != 0:

@@ -104,19 +104,37 @@ std::string readVersion(const std::string& description)
     return version;
 }
 
+/// The directory of the file that was hashed last; the next one mostly lies in it as well.
+struct LastDirectory {
+    std::string path;
+    OwnedFd descriptor;
+};
+
+/// Opens the directory `path`, or takes the one that is open. A directory that was exchanged since does not
+/// hold the file that was examined, and is found out by that.
+int openListedDirectory(LastDirectory& last, std::string path)
+{
+    if (!last.descriptor || last.path != path) {
+        last.descriptor = OwnedFd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        last.path = std::move(path);
+    }
+    return last.descriptor.get();
+}
+
 /// Hashes the file that was examined at `path`; links in the directories above it are followed, as the
 /// package database itself does.
-std::string hashListedFile(const std::filesystem::path& path, const struct stat& examined)
+std::string hashListedFile(const std::filesystem::path& path, const struct stat& examined,
+                           LastDirectory& last)
 {
     // An exchange in the directories above cannot make this open a device, which may act on being opened.
-    const OwnedFd directory(::open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const int directory = openListedDirectory(last, path.parent_path().native());
+    const std::string name = path.filename().native();
     struct stat named = {};
-    if (!directory || ::fstatat(directory.get(), path.filename().c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0)
+    if (directory < 0 || ::fstatat(directory, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0)
         throw Invalid("cannot read an owned file");
     if (!S_ISREG(named.st_mode) && !S_ISLNK(named.st_mode))
         throw Invalid("pkgutil receipt-owned file changed during validation");
-    OwnedFd file(
-        ::openat(directory.get(), path.filename().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    OwnedFd file(::openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file)
         throw Invalid("cannot read an owned file");
     struct stat opened = {};
@@ -181,7 +199,7 @@ std::optional<struct stat> examineListed(const std::filesystem::path& path, bool
 }
 
 /// Records one listed path; nothing when it is, or was, a directory.
-std::optional<ReceiptFile> recordListed(const Listing& listing, const std::string& line)
+std::optional<ReceiptFile> recordListed(const Listing& listing, const std::string& line, LastDirectory& last)
 {
     const std::filesystem::path path = std::filesystem::path(listing.root) / safeLexicalRelative(line);
     const auto status = examineListed(path, listing.verify);
@@ -193,7 +211,7 @@ std::optional<ReceiptFile> recordListed(const Listing& listing, const std::strin
     if (!S_ISREG(status->st_mode) || status->st_nlink != 1)
         throw Invalid("pkgutil receipt inventory contains a link or foreign file");
     if (listing.verify)
-        file.sha256 = hashListedFile(path, *status);
+        file.sha256 = hashListedFile(path, *status, last);
     return file;
 }
 
@@ -214,8 +232,9 @@ Receipt readReceipt(const std::string& volume, const std::string& packageId, boo
 
     Receipt receipt{packageId, readVersion(description.output), {}, {}};
     const Listing listing = readListing(volume, verify, files.output);
+    LastDirectory last;
     for (const std::string& line : listing.paths)
-        if (auto file = recordListed(listing, line))
+        if (auto file = recordListed(listing, line, last))
             receipt.files.push_back(std::move(*file));
     if (receipt.files.empty())
         throw Invalid("pkgutil receipt has no installed regular files");
