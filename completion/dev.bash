@@ -11,7 +11,8 @@ _dev_commands()
 # Prints the options of a campaign that its --help shows.
 _dev_campaign_options()
 {
-    sed -n '/SUPPRESS/d; s/.*add_argument("\(--[a-z-]*\)".*/\1/p' "$_dev_home/campaigns/$1/$1.py"
+    sed -n '/SUPPRESS/d; s/.*add_argument("\(--[a-z-]*\)".*/\1/p' "$_dev_home/campaigns/$1/$1.py" \
+        "$_dev_home/campaigns/common/"*.py
 }
 
 _dev()

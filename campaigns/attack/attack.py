@@ -4,14 +4,13 @@ and nothing outside the fixed places may be created, changed, removed, given awa
 
 import argparse
 import collections
-import json
 import os
 import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
-from common import workers                                              # noqa: E402
+from common import verdicts, workers                                    # noqa: E402
 from attack import decoys, forged, races, runs, scenes, steps, world    # noqa: E402
 
 KINDS = ("race", "step", "forged")
@@ -24,15 +23,10 @@ MOST_IN_ONE_REQUEST = 50
 # --- inside a rehearsal root --------------------------------------------------------------------------------
 
 def serve(build):
-    """A worker's life: a request a line comes in, an answer a line goes out."""
+    """A worker's life."""
     runs.install_tools(build)
     world.place_neighbours()
-    for line in sys.stdin:
-        try:
-            answer = answer_to(json.loads(line))
-        except scenes.Broken as broken:
-            answer = {"broken": str(broken)}
-        print(json.dumps(answer), flush=True)
+    workers.serve(answer_to, scenes.Broken)
 
 
 def now_of_files():
@@ -44,15 +38,15 @@ def now_of_files():
 def answer_to(request):
     """Runs the rounds that a request asks for."""
     began = now_of_files()
-    verdicts, counts = [], collections.Counter()
+    found, counts = [], collections.Counter()
     for text in points_of(request):
         if request["kind"] == "race":
             verdict, done = races.run_point(text)
             counts.update(done)
         else:
             verdict = {"step": steps, "forged": forged}[request["kind"]].run_point(text)
-        verdicts.append(verdict.as_list())
-    return {"verdicts": verdicts, "counts": counts, "elsewhere": world.changed_since(began)}
+        found.append(verdict.as_list())
+    return {"verdicts": found, "counts": counts, "elsewhere": world.changed_since(began)}
 
 
 def points_of(request):
@@ -74,12 +68,12 @@ class Tally:
         self.failed = 0
         self.broken = 0
         self._total = total
-        self._report = open(report, "w", encoding="utf-8") if report else None
+        self._report = verdicts.Report(report)
 
     def take(self, request, answer):
         if "broken" in answer:
             self.broken += 1
-            print("BROKEN  " + answer["broken"], flush=True)
+            verdicts.show_broken(answer["broken"])
             return
         self.deeds.update(answer["counts"])
         for point, command, said, disturbed, refused, faults in answer["verdicts"]:
@@ -89,14 +83,12 @@ class Tally:
             if faults:
                 self.failed += 1
                 show(point, said, faults)
-            if self._report:
-                print(json.dumps([point, command, said, disturbed, refused, faults]), file=self._report, flush=True)
+            self._report.add(point, command, said, disturbed, refused, faults)
         if answer["elsewhere"]:
             self.failed += 1
             points = [verdict[0] for verdict in answer["verdicts"]]
             show(" --repeat ".join(points), "one of these runs", answer["elsewhere"])
-        if sys.stderr.isatty():
-            print(f"\r{self.runs()} of {self._total} runs ", end="", file=sys.stderr)
+        verdicts.show_progress(f"{self.runs()} of {self._total} runs")
 
     def runs(self, kind=None):
         return self.sum("runs", kind)
@@ -107,18 +99,11 @@ class Tally:
 
 
 def show(point, said, faults):
-    print(f"FAILED  ./dev attack --repeat '{point}'", flush=True)
-    print("        the run: " + said)
-    for fault in faults[:8]:
-        print("        " + fault[:500])
-    if len(faults) > 8:
-        print(f"        and {len(faults) - 8} more")
-    sys.stdout.flush()
+    verdicts.show_failure(f"./dev attack --repeat '{point}'", faults, said)
 
 
 def summarize(tally, seconds, seed):
-    if sys.stderr.isatty():
-        print("\r", end="", file=sys.stderr)
+    verdicts.show_progress("")
     for kind in KINDS:
         commands = sorted({command for of, command, _ in tally.counts if of == kind})
         for command in commands:
@@ -181,10 +166,9 @@ def kinds(text):
 
 def parse_arguments():
     parser = argparse.ArgumentParser(prog="./dev attack", description=__doc__)
-    parser.add_argument("--build", required=True, help=argparse.SUPPRESS)
-    parser.add_argument("--worker", action="store_true", help=argparse.SUPPRESS)
+    workers.add_arguments(parser)
+    verdicts.add_report_argument(parser)
     parser.add_argument("--sample", action="store_true", help="a small share of everything, done within a minute")
-    parser.add_argument("--seed", default="1", help="a number; another one draws other rounds; default 1")
     parser.add_argument("--races", type=int, metavar="N", help="so many races in each scenario")
     parser.add_argument("--steps", type=int, metavar="N", help="so many exchanges between calls in each scenario")
     parser.add_argument("--only", type=kinds, default=list(KINDS), metavar="KINDS",
@@ -192,8 +176,6 @@ def parse_arguments():
     parser.add_argument("--repeat", action="append", metavar="POINT", help="run this one again; may be repeated")
     parser.add_argument("--times", type=int, default=1, help="how often to repeat; races do not always end alike")
     parser.add_argument("--list", action="store_true", help="list the scenarios and the forged cases")
-    parser.add_argument("--jobs", type=int, default=len(os.sched_getaffinity(0)), help="rehearsal roots at once")
-    parser.add_argument("--report", metavar="FILE", help="write every verdict to FILE, one JSON array a line")
     return parser.parse_args()
 
 
@@ -213,8 +195,7 @@ def main():
     began = time.monotonic()
     asked = list(requests(arguments))
     tally = Tally(arguments.report, total_of(asked))
-    command = [sys.executable, os.path.abspath(__file__), "--worker", "--build", arguments.build]
-    workers.run(arguments.build, command, asked, min(arguments.jobs, len(asked)), tally.take)
+    workers.run(arguments, asked, tally.take)
     summarize(tally, time.monotonic() - began, arguments.seed)
     return 1 if tally.failed or tally.broken or not tally.runs() else 0
 

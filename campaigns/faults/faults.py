@@ -5,14 +5,13 @@ import argparse
 import collections
 import fnmatch
 import itertools
-import json
 import os
 import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
-from common import scenarios, tool, workers            # noqa: E402
+from common import scenarios, tool, verdicts, workers  # noqa: E402
 from faults import judge, pkgutil_ways, points         # noqa: E402
 
 ALL = None
@@ -36,16 +35,11 @@ PARTS = {"sample": 1, "full": 3, "everything": 20}  # of a scenario, so that the
 
 
 def serve(build):
-    """A worker's life, inside a rehearsal root: a request a line comes in, an answer a line goes out."""
+    """A worker's life."""
     tool.install_tools(build)
     pkgutil_ways.prepare()
     pkgutil_ways.behave()
-    for line in sys.stdin:
-        try:
-            answer = answer_to(json.loads(line))
-        except (scenarios.Broken, RuntimeError) as broken:
-            answer = {"broken": str(broken)}
-        print(json.dumps(answer), flush=True)
+    workers.serve(answer_to, (scenarios.Broken, RuntimeError))
 
 
 def answer_to(request):
@@ -58,11 +52,11 @@ def answer_to(request):
         chosen = points.choose(scenarios.scenario(name), request["limits"], request["seed"])
         chosen = chosen[request["part"]::request["parts"]]
         texts, families = [p.text for p in chosen], [p.family for p in chosen]
-    verdicts = []
+    found = []
     for text, family in zip(texts, families):
         verdict = judge.run_point(name, text)
-        verdicts.append([family, verdict.point, verdict.kind, verdict.said, verdict.faults])
-    return {"verdicts": verdicts}
+        found.append([family, verdict.point, verdict.kind, verdict.said, verdict.faults])
+    return {"verdicts": found}
 
 
 class Tally:
@@ -74,23 +68,21 @@ class Tally:
         self.broken = []
         self._pieces = pieces
         self._taken = 0
-        self._report = open(report, "w", encoding="utf-8") if report else None
+        self._report = verdicts.Report(report)
 
     def take(self, request, answer):
         self._taken += 1
-        if sys.stderr.isatty():
-            print(f"\r{self._taken} of {self._pieces} pieces, {self.total()} points ", end="", file=sys.stderr)
+        verdicts.show_progress(f"{self._taken} of {self._pieces} pieces, {self.total()} points")
         if "broken" in answer:
             self.broken.append(answer["broken"])
-            print("BROKEN  " + answer["broken"], flush=True)
+            verdicts.show_broken(answer["broken"])
             return
         for family, point, kind, said, faults in answer["verdicts"]:
             self.counts[family, kind] += 1
             if faults:
                 self.failed[family] += 1
-                show(point, said, faults)
-            if self._report:
-                print(json.dumps([family, point, kind, said, faults]), file=self._report, flush=True)
+                verdicts.show_failure(f"./dev faults --point '{point}'", faults, said)
+            self._report.add(family, point, kind, said, faults)
 
     def total(self):
         return sum(self.counts.values())
@@ -99,25 +91,14 @@ class Tally:
         return sum(self.failed.values())
 
 
-def show(point, said, faults):
-    print(f"FAILED  ./dev faults --point '{point}'", flush=True)
-    print("        the disturbed run: " + said)
-    for fault in faults[:8]:
-        print("        " + fault)
-    if len(faults) > 8:
-        print(f"        and {len(faults) - 8} more")
-    sys.stdout.flush()
-
-
 def summarize(tally, seconds, seed):
+    verdicts.show_progress("")
     families = sorted({family for family, _ in tally.counts})
     for family in families:
         kinds = ", ".join(f"{kind or 'unfinished'} {count}" for (of, kind), count in sorted(tally.counts.items())
                           if of == family)
         total = sum(count for (of, _), count in tally.counts.items() if of == family)
         print(f"{family:8} {total:6} points, {tally.failed[family]:4} failed   ({kinds})")
-    if sys.stderr.isatty():
-        print("\r", end="", file=sys.stderr)
     good = tally.total() - tally.failures()
     share = 100 * good / max(1, tally.total())
     print(f"{'total':8} {tally.total():6} points, {tally.failures():4} failed, {share:.2f} % good, seed {seed}; "
@@ -168,21 +149,18 @@ def families(text):
 
 def parse_arguments():
     parser = argparse.ArgumentParser(prog="./dev faults", description=__doc__)
-    parser.add_argument("--build", required=True, type=os.path.abspath, help=argparse.SUPPRESS)
-    parser.add_argument("--worker", action="store_true", help=argparse.SUPPRESS)
+    workers.add_arguments(parser)
+    verdicts.add_report_argument(parser)
     size = parser.add_mutually_exclusive_group()
     size.add_argument("--sample", dest="size", action="store_const", const="sample", default="full",
                       help="a small fixed choice of scenarios and points, done within a minute or two")
     size.add_argument("--everything", dest="size", action="store_const", const="everything",
                       help="every point of every family; takes many hours")
-    parser.add_argument("--seed", default="1", help="another seed chooses other points; default 1")
     parser.add_argument("--only", action="append", metavar="PATTERN", help="only scenarios of such names")
     parser.add_argument("--families", type=families, metavar="LIST",
                         help="only these families of points, separated by commas: " + ", ".join(FAMILIES))
     parser.add_argument("--point", action="append", metavar="POINT", help="run this one point again")
     parser.add_argument("--list", action="store_true", help="list the scenarios")
-    parser.add_argument("--jobs", type=int, default=len(os.sched_getaffinity(0)), help="rehearsal roots at once")
-    parser.add_argument("--report", metavar="FILE", help="write every verdict to FILE, one JSON array a line")
     return parser.parse_args()
 
 
@@ -197,8 +175,7 @@ def main():
     began = time.monotonic()
     asked = list(requests(arguments))
     tally = Tally(arguments.report, len(asked))
-    command = [sys.executable, os.path.abspath(__file__), "--worker", "--build", arguments.build]
-    workers.run(arguments.build, command, asked, min(arguments.jobs, len(asked)), tally.take)
+    workers.run(arguments, asked, tally.take)
     summarize(tally, time.monotonic() - began, arguments.seed)
     return 1 if tally.failures() or tally.broken or not tally.total() else 0
 

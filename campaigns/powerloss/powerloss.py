@@ -6,14 +6,13 @@ import argparse
 import collections
 import fnmatch
 import hashlib
-import json
 import os
 import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
-from common import scenarios, workers                   # noqa: E402
+from common import scenarios, verdicts, workers         # noqa: E402
 from powerloss import filesystem, judge, self_test      # noqa: E402
 
 # Of each scenario at most so many states.
@@ -25,14 +24,9 @@ SAMPLED = ("account-user/clean/*", "account-user/remove-last/*", "root-user/upgr
 
 
 def serve(build):
-    """A worker's life, inside a rehearsal root: a request a line comes in, an answer a line goes out."""
+    """A worker's life."""
     judge.install(build)
-    for line in sys.stdin:
-        try:
-            answer = answer_to(json.loads(line))
-        except (scenarios.Broken, filesystem.Unknown, RuntimeError) as broken:
-            answer = {"broken": str(broken)}
-        print(json.dumps(answer), flush=True)
+    workers.serve(answer_to, (scenarios.Broken, filesystem.Unknown, RuntimeError))
 
 
 def answer_to(request):
@@ -45,12 +39,12 @@ def answer_to(request):
         text, back, _ = request["state"].partition(judge.BACK)
         state = bench.state(text, without)
         return {"verdicts": [[request["state"], *bench.examine(state, bool(back))]], "pending": state.pending}
-    verdicts = []
+    found = []
     for state in chosen(bench, request):
-        verdicts.append([state.text, *bench.examine(state)])
+        found.append([state.text, *bench.examine(state)])
         if bench.can_go_back and rank(request, state.text + judge.BACK) % request["back"] == 0:
-            verdicts.append([state.text + judge.BACK, *bench.examine(state, True)])
-    return {"verdicts": verdicts}
+            found.append([state.text + judge.BACK, *bench.examine(state, True)])
+    return {"verdicts": found}
 
 
 def chosen(bench, request):
@@ -77,13 +71,13 @@ class Tally:
         self.failed = 0
         self.broken = 0
         self.lines = []
-        self._without = without
-        self._report = open(report, "w", encoding="utf-8") if report else None
+        self._without = "".join(f" --without {number}" for number in without)
+        self._report = verdicts.Report(report)
 
     def take(self, request, answer):
         if "broken" in answer:
             self.broken += 1
-            print(f"BROKEN  {request['scenario']}: {answer['broken']}", flush=True)
+            verdicts.show_broken(f"{request['scenario']}: {answer['broken']}")
             return
         if "self-test" in answer:
             self.lines += answer["self-test"]
@@ -100,18 +94,8 @@ class Tally:
                 self.helped += helped
             if faults:
                 self.failed += 1
-                self._show(state, faults)
-            if self._report:
-                print(json.dumps([state, faults, helped]), file=self._report, flush=True)
-
-    def _show(self, state, faults):
-        without = "".join(f" --without {number}" for number in self._without)
-        print(f"FAILED  ./dev powerloss --state '{state}'{without}")
-        for fault in faults[:8]:
-            print("        " + fault)
-        if len(faults) > 8:
-            print(f"        and {len(faults) - 8} more")
-        sys.stdout.flush()
+                verdicts.show_failure(f"./dev powerloss --state '{state}'{self._without}", faults)
+            self._report.add(state, faults, helped)
 
     def total(self):
         return sum(self.states.values())
@@ -153,8 +137,8 @@ def requests(arguments):
 
 def parse_arguments():
     parser = argparse.ArgumentParser(prog="./dev powerloss", description=__doc__)
-    parser.add_argument("--build", required=True, type=os.path.abspath, help=argparse.SUPPRESS)
-    parser.add_argument("--worker", action="store_true", help=argparse.SUPPRESS)
+    workers.add_arguments(parser)
+    verdicts.add_report_argument(parser)
     size = parser.add_mutually_exclusive_group()
     size.add_argument("--sample", dest="size", action="store_const", const="sample", default="full",
                       help="a small fixed choice of scenarios and states, done within a minute")
@@ -162,14 +146,11 @@ def parse_arguments():
     size.add_argument("--self-test", action="store_true",
                       help="take syncs out of recordings and see that the campaign notices")
     parser.add_argument("--limit", type=int, metavar="N", help="at most N states of each scenario")
-    parser.add_argument("--seed", default="1", help="another seed chooses other states; default 1")
     parser.add_argument("--only", action="append", metavar="PATTERN", help="only scenarios of such names")
     parser.add_argument("--state", action="append", metavar="STATE", help="examine this one state again")
     parser.add_argument("--without", action="append", type=int, default=[], metavar="NUMBER",
                         help="as if the tool had not made this call; to see what it is good for")
     parser.add_argument("--list", action="store_true", help="list the scenarios")
-    parser.add_argument("--jobs", type=int, default=len(os.sched_getaffinity(0)), help="rehearsal roots at once")
-    parser.add_argument("--report", metavar="FILE", help="write every verdict to FILE, one JSON array a line")
     return parser.parse_args()
 
 
@@ -184,8 +165,7 @@ def main():
     began = time.monotonic()
     asked = list(requests(arguments))
     tally = Tally(arguments.report, arguments.without)
-    command = [sys.executable, os.path.abspath(__file__), "--worker", "--build", arguments.build]
-    workers.run(arguments.build, command, asked, min(arguments.jobs, len(asked)), tally.take)
+    workers.run(arguments, asked, tally.take)
     if arguments.self_test:
         return 1 if tally.broken or not self_test.passed(tally.lines) else 0
     summarize(tally, time.monotonic() - began)

@@ -7,14 +7,13 @@ import collections
 import fnmatch
 import hashlib
 import itertools
-import json
 import os
 import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
-from common import products, scenarios, scene, tool, workers    # noqa: E402
+from common import products, scenarios, scene, tool, verdicts, workers    # noqa: E402
 from faults import pkgutil_ways, points                         # noqa: E402
 from recovery import document, situations                       # noqa: E402
 
@@ -36,16 +35,11 @@ DEEDS = ("rollback-move", "commit-move", "uninstall-product", "prepare-move", "b
 
 
 def serve(build):
-    """A worker's life, inside a rehearsal root: a request a line comes in, an answer a line goes out."""
+    """A worker's life."""
     tool.install_tools(build)
     pkgutil_ways.prepare()
     pkgutil_ways.behave()
-    for line in sys.stdin:
-        try:
-            answer = answer_to(json.loads(line))
-        except (scenarios.Broken, RuntimeError) as broken:
-            answer = {"broken": str(broken)}
-        print(json.dumps(answer), flush=True)
+    workers.serve(answer_to, (scenarios.Broken, RuntimeError))
 
 
 def answer_to(request):
@@ -152,7 +146,8 @@ def exceptions():
 class Tally:
     """Counts the ways out and prints the states that have none."""
 
-    def __init__(self):
+    def __init__(self, report):
+        self._report = verdicts.Report(report)
         self.lengths = collections.Counter()
         self.stuck = 0
         self.states = 0
@@ -162,10 +157,11 @@ class Tally:
     def take(self, request, answer):
         if "broken" in answer:
             self.broken.append(answer["broken"])
-            print("BROKEN  " + answer["broken"], flush=True)
+            verdicts.show_broken(answer["broken"])
             return
         self.states += answer["states"]
         for point, deeds, named in answer["walks"]:
+            self._report.add(point, deeds, named)
             if deeds is not None:
                 self.lengths[len(deeds)] += 1
             elif named:
@@ -201,14 +197,12 @@ def requests(arguments):
 
 def parse_arguments():
     parser = argparse.ArgumentParser(prog="./dev recovery", description=__doc__)
-    parser.add_argument("--build", required=True, type=os.path.abspath, help=argparse.SUPPRESS)
-    parser.add_argument("--worker", action="store_true", help=argparse.SUPPRESS)
+    workers.add_arguments(parser)
+    verdicts.add_report_argument(parser)
     parser.add_argument("--sample", dest="size", action="store_const", const="sample", default="full",
                         help="a small fixed choice of scenarios and points")
-    parser.add_argument("--seed", default="1", help="another seed chooses other points; default 1")
     parser.add_argument("--only", action="append", metavar="PATTERN", help="only scenarios of such names")
     parser.add_argument("--point", action="append", metavar="POINT", help="walk on from this one point again")
-    parser.add_argument("--jobs", type=int, default=len(os.sched_getaffinity(0)), help="rehearsal roots at once")
     return parser.parse_args()
 
 
@@ -219,9 +213,8 @@ def main():
         return 0
     began = time.monotonic()
     asked = list(requests(arguments))
-    tally = Tally()
-    command = [sys.executable, os.path.abspath(__file__), "--worker", "--build", arguments.build]
-    workers.run(arguments.build, command, asked, min(arguments.jobs, len(asked)), tally.take)
+    tally = Tally(arguments.report)
+    workers.run(arguments, asked, tally.take)
     summarize(tally, time.monotonic() - began)
     return 1 if tally.stuck or tally.broken or not tally.lengths else 0
 
