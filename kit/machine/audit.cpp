@@ -107,6 +107,18 @@ void auditContent(Auditing& auditing, const std::string& path, const Claim& clai
              "native package receipt inventory is not exact");
 }
 
+/// A rollback brings files back for their owner alone, and in the system scope hosts run as other accounts.
+void auditMode(Auditing& auditing, const std::string& path, const Claim& claim, const struct stat& status)
+{
+    if (auditing.root != "/" || (status.st_mode & S_IROTH) != 0)
+        return;
+    note(auditing, path, claim,
+         "other accounts cannot read the file: mode " + octalMode(status.st_mode & 07777U) +
+             ", as after a rollback",
+         {});
+    auditing.audit.findings.back() = asWarning(auditing.audit.findings.back());
+}
+
 void auditFile(Auditing& auditing, const std::string& path, const Claim& claim)
 {
     struct stat status = {};
@@ -128,6 +140,7 @@ void auditFile(Auditing& auditing, const std::string& path, const Claim& claim)
     if (!claim.registered)
         note(auditing, path, claim, "the file is there, but no package is registered with it",
              "native package receipt inventory is not exact");
+    auditMode(auditing, path, claim, status);
     auditContent(auditing, path, claim, status);
 }
 

@@ -18,9 +18,16 @@ bool readAll(int fd, std::string& content)
 
 std::optional<std::string> readFile(const std::string& path)
 {
-    const OwnedFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const OwnedFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!fd || ::fstat(fd.get(), &status) != 0)
+        return std::nullopt;
+    if (!S_ISREG(status.st_mode)) {
+        errno = EINVAL;
+        return std::nullopt;
+    }
     std::string content;
-    if (!fd || !readAll(fd.get(), content))
+    if (!readAll(fd.get(), content))
         return std::nullopt;
     return content;
 }

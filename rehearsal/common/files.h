@@ -38,7 +38,8 @@ private:
 /// fails.
 bool readAll(int fd, std::string& content);
 
-/// Returns the content of the file at `path`, or nothing, with errno set, when it cannot be opened or read.
+/// Returns the content of the regular file at `path`, or nothing, with errno set, when it cannot be opened or
+/// read. Never waits, also where a pipe was put in the file's place.
 std::optional<std::string> readFile(const std::string& path);
 
 /// Writes all of `content` to `fd`, which is borrowed. Returns false with errno set when that fails.

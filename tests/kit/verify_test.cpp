@@ -71,6 +71,17 @@ TEST(KitVerify, NamesEveryChangedAndMissingFileAndThePackagesToInstallAgain)
     EXPECT_EQ(kit({"verify", "system"}).status, 0);
 }
 
+TEST(KitVerify, NamesFilesOfTheSystemThatOnlyTheirOwnerCanRead)
+{
+    installProperly(alpha, "install-1");
+    setMode(installed(vst3Path("alpha")), 0600);
+    const Json answer = kitJson({"verify", "system"});
+    EXPECT_EQ(found(answer), (std::map<std::string, std::string>{
+                                 {installed(vst3Path("alpha")), "other accounts cannot read the file"}}));
+    EXPECT_EQ(answer.at("reinstall").size(), 1U);
+    EXPECT_EQ(kit({"verify", "system"}).status, 65);
+}
+
 TEST(KitVerify, NamesLinksInAFilesPlace)
 {
     installProperly(alpha, "install-1");
@@ -148,13 +159,13 @@ TEST(KitVerify, TakesOnlyDescriptorsThatWereCompletedForTheRegisteredVersion)
 TEST(KitVerify, OfAnAccountSaysWhatItMayNotRead)
 {
     installProperly(alpha, "install-1");
-    setMode(installed(vst3Path("alpha")), 0600);
     const Outcome blind = kit({"verify", "system"}, asPlayer());
     EXPECT_EQ(blind.status, 77) << blind;
     EXPECT_TRUE(holds(blind.out, descriptorOf("system", "install-1").native())) << blind;
+    setMode(installed(vst3Path("alpha")), 0600);
     writeFile(inWorkshop("plan"), planText({alpha}));
     const Outcome against = kit({"verify", "system", "-a", inWorkshop("plan")}, asPlayer());
-    EXPECT_EQ(against.status, 77) << against;
+    EXPECT_EQ(against.status, 65) << against;
     EXPECT_TRUE(
         holds(against.out, "may not be read by this account: " + installed(vst3Path("alpha")).native()))
         << against;

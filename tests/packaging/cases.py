@@ -2,6 +2,7 @@
 
 import os
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -459,6 +460,20 @@ class Building(unittest.TestCase):
                               capture_output=True, text=True, check=True).stdout
         self.assertIn('install-location="/"', info)
         self.assertIn("TP Heron &amp; Co.component", info)
+        self.assertIn("<relocate/>", info)
+        self.assertIn("<bundle-version/>", info)
+
+    def test_bundles_inside_bundles_are_listed_as_their_children(self):
+        contents = self.tree()
+        for inner in ("Resources/Helper.bundle", "Resources/Helper.bundle/Contents/Deep.bundle", "Resources/Other.bundle"):
+            (contents / inner / "Contents").mkdir(parents=True)
+            shutil.copy(contents / "Info.plist", contents / inner / "Contents")
+        # Sorts between the bundle and what is inside it, were it not for the "/".
+        shutil.copytree(contents.parent, f"{contents.parent.with_suffix('')}.component 2")
+        self.assertEqual(self.component()[0], 0)
+        info = subprocess.run(["bsdtar", "-xOf", "/tmp/out/com.tamarindpelican.pkg.heron.au-1.0.pkg", "PackageInfo"],
+                              capture_output=True, text=True, check=True).stdout
+        self.assertEqual(info.count("<bundle path="), 8)
         self.assertIn("<relocate/>", info)
         self.assertIn("<bundle-version/>", info)
 
