@@ -2,14 +2,11 @@
 
 import functools
 import os
-import re
 
 from common import going_on, products, scenarios, scene, tool, wholeness
 from powerloss import recording, states
 
 BACK = "/back"
-# What is reported when a command refuses to go on because a file has a second name.
-_REFUSED = re.compile("(?:the next command|prepared again|rollback-move): exit 65: ")
 # Made again by the next command, and without content.
 _REMADE = {products.in_scope(scope, f"{products.MAINTENANCE}/maintenance.lock") for scope in ("user", "system")}
 
@@ -35,22 +32,14 @@ class Bench:
         return states.one_state(self._made, self.recorded, text, without)
 
     def examine(self, state, back=False):
-        """Goes on from a state, or goes back. Returns one line for each thing that should not be, and whether a
-        person had to remove the second name of a file first."""
+        """Goes on from a state, or goes back. Returns one line for each thing that should not be."""
         faults = self.faults_in(state)
         self._put(state)
         fingerprints = self._made.fingerprints()
         met = self._go(back)
-        helped = bool(met) and bool(state.links) and all(_REFUSED.match(line) for line in met)
-        if helped:
-            self._remove_second_names(state)
-            met = self._go(back)
-            if met and self._made.command == "commit-move":
-                # The refused commit had begun to take the installation back; this one has done so.
-                met = self._go(back)
         self._present = scene.capture()
         faults += met + going_on.judge_moment(self._made, fingerprints, "at the end", self._present, self._kept)
-        return faults, helped
+        return faults
 
     def faults_in(self, state):
         """Returns one line for each thing that should not be in a state itself."""
@@ -65,13 +54,6 @@ class Bench:
         else:
             way.go_on()
         return faults
-
-    @staticmethod
-    def _remove_second_names(state):
-        for names in state.links.items():
-            for path in filter(wholeness.is_temporary, names):
-                if os.path.exists(path):
-                    os.unlink(path)
 
     def _put(self, state):
         for path in self._linked:

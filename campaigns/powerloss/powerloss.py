@@ -38,12 +38,12 @@ def answer_to(request):
     if "state" in request:
         text, back, _ = request["state"].partition(judge.BACK)
         state = bench.state(text, without)
-        return {"verdicts": [[request["state"], *bench.examine(state, bool(back))]], "pending": state.pending}
+        return {"verdicts": [[request["state"], bench.examine(state, bool(back))]], "pending": state.pending}
     found = []
     for state in chosen(bench, request):
-        found.append([state.text, *bench.examine(state)])
+        found.append([state.text, bench.examine(state)])
         if bench.can_go_back and rank(request, state.text + judge.BACK) % request["back"] == 0:
-            found.append([state.text + judge.BACK, *bench.examine(state, True)])
+            found.append([state.text + judge.BACK, bench.examine(state, True)])
     return {"verdicts": found}
 
 
@@ -67,7 +67,6 @@ class Tally:
     def __init__(self, report, without):
         self.states = collections.Counter()
         self.undone = 0
-        self.helped = 0
         self.failed = 0
         self.broken = 0
         self.lines = []
@@ -85,17 +84,16 @@ class Tally:
             return
         for line in answer.get("pending", ()):
             print("        " + line)
-        for text, faults, helped in answer["verdicts"]:
+        for text, faults in answer["verdicts"]:
             state = f"{request['scenario']}@{text}"
             if text.endswith(judge.BACK):
                 self.undone += 1
             else:
                 self.states[request["scenario"]] += 1
-                self.helped += helped
             if faults:
                 self.failed += 1
                 verdicts.show_failure(f"./dev powerloss --state '{state}'{self._without}", faults)
-            self._report.add(state, faults, helped)
+            self._report.add(state, faults)
 
     def total(self):
         return sum(self.states.values())
@@ -110,7 +108,6 @@ def summarize(tally, seconds):
         print(f"{command:20} {count:6} states of {scenes:3} scenarios")
     print(f"total {tally.total()} states of {len(tally.states)} scenarios, {tally.undone} of them also undone, "
           f"{tally.failed} failed; {seconds:.0f} s, {(tally.total() + tally.undone) / seconds:.1f} a second")
-    print(f"in {tally.helped} of them a person had to remove the second name of a file, and nothing else")
     if tally.broken:
         print(f"{tally.broken} scenarios could not be examined at all")
 

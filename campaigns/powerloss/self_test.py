@@ -47,7 +47,7 @@ def _missed(bench, fresh):
         if faults:
             return f"{state.text}: {faults[0]}"
     for state in fresh[::max(1, len(fresh) // TRIED)]:
-        faults, _ = bench.examine(state)
+        faults = bench.examine(state)
         if faults:
             return f"{state.text}: {faults[0]}"
     return ""

@@ -24,7 +24,6 @@ class Situation:
     plan: str = ""
     holders: list = field(default_factory=list)  # files that somebody holds the lock of
     spare: str = ""                             # another name of a file that a person has at hand
-    twins: dict = field(default_factory=dict)   # second names, and the files that they name
 
     @property
     def scope(self):
@@ -336,15 +335,6 @@ def bundle_of_root():
     work = stages("remove", "last")
     stage = owned_by_root(work.begun, products.in_scope("user", f"{products.VST3}/TP Alpha.vst3/Contents/MacOS"))
     return situation(work, failed(stage, work, "uninstall-product"), removal=True)
-
-
-@state
-def second_name():
-    work = stages("install", "clean")
-    found = situation(work, work.prepared)
-    found.twins = {products.in_scope("user", f"{products.MAINTENANCE}/.ActiveTransaction.new.812"):
-                   products.in_scope("user", LEASE)}
-    return found
 
 
 @state

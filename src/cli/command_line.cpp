@@ -14,7 +14,7 @@
 
 #include <array>
 #include <exception>
-#include <fcntl.h>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -52,23 +52,45 @@ bool isCommandLine(const std::vector<std::string>& words)
     return words.size() == 4 && isDescriptorCommand(words[1]) && isScope(words[2]) && safeId(words[3]);
 }
 
+/// Tells whether every directory on the way from the scope root to `directory` that is there is a real one, and
+/// `directory` is. Only looks: whatever is read later is reached by a walk of its own.
+bool isReachedByDirectories(const std::string& scope, const std::filesystem::path& directory)
+{
+    std::filesystem::path reached = scopeRoot(scope);
+    struct stat status = {};
+    for (const std::filesystem::path& component : directory) {
+        if (::lstat(reached.c_str(), &status) == 0 && !S_ISDIR(status.st_mode))
+            return false;
+        reached /= component;
+    }
+    return ::lstat(reached.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
 /// Requires the inbox to be reached from the scope root through real directories, and the named descriptor
 /// to be a single-linked regular file in it.
 void locateDescriptor(const std::string& scope, const std::string& id)
 {
     const FixedPlace place = descriptorPlace(scope, id);
-    const OwnedFd inbox = walkFixedDirectory(scope, parentOf(place.relative));
-    if (!inbox)
+    if (!isReachedByDirectories(scope, parentOf(place.relative)))
         throw DescriptorNotLocated("maintenance descriptor directory is missing or unsafe");
     struct stat status = {};
-    if (::fstatat(inbox.get(), nameOf(place.relative).c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
-        !S_ISREG(status.st_mode) || status.st_nlink != 1)
+    if (::lstat(absolutePath(place).c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        status.st_nlink != 1)
         throw DescriptorNotLocated("maintenance descriptor is missing or unsafe");
+}
+
+/// Says what is wrong with a directory above the inbox that cannot be entered.
+void requireInbox(const std::string& scope)
+{
+    const std::string inbox(parentOf(descriptorPlace(scope, "").relative));
+    if (!walkFixedDirectory(scope, inbox))
+        openFixedDirectory(scope, inbox, false, true);
 }
 
 Descriptor loadDescriptor(const std::string& scope, const std::string& id)
 {
     locateDescriptor(scope, id);
+    requireInbox(scope);
     Descriptor descriptor = parse(scope, id);
     validateLayout(descriptor.targetScope);
     if (descriptor.sourceScope != "none")

@@ -19,6 +19,7 @@ namespace {
 constexpr int readFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr mode_t writableByOthers = S_IWGRP | S_IWOTH;
 constexpr std::size_t readingChunk = 4096;
+constexpr const char* unreadableOwnedFile = "cannot read an owned file";
 
 bool isSingleLinkedRegular(const struct stat& status)
 {
@@ -56,7 +57,7 @@ ExaminedFile examine(OwnedFd directory, std::string name, const std::string& uns
         throw Invalid("owned path contains a symbolic link");
     if (!S_ISDIR(status.st_mode))
         throw Invalid("owned path has a foreign file type");
-    throw Invalid("owned file cannot be read");
+    throw Invalid(unreadableOwnedFile);
 }
 
 OwnedFd openOwnedParent(const FixedPlace& place)
@@ -174,21 +175,22 @@ std::string readText(const std::filesystem::path& path, const std::string& scope
     return readText(placeInScope(scope, path), subject);
 }
 
-OpenFile safeFile(const FixedPlace& place)
+ExaminedFile safeFile(const FixedPlace& place)
 {
-    const ExaminedFile file =
-        examine(openOwnedParent(place), nameOf(place.relative), "owned file is missing");
+    ExaminedFile file = examine(openOwnedParent(place), nameOf(place.relative), "owned file is missing");
     if (S_ISLNK(file.status.st_mode))
         throw Invalid("owned path contains a symbolic link");
     if (!isSingleLinkedRegular(file.status))
         throw Invalid("owned path has a foreign file type");
-    return openExamined(file, "owned file");
+    return file;
 }
 
-std::string hashOwnedFile(const FixedPlace& place)
+std::string hashExamined(const ExaminedFile& file)
 {
-    const OpenFile file = safeFile(place);
-    return sha256(file.descriptor.get(), file.status.st_size);
+    const OpenFile opened = openExamined(file, unreadableOwnedFile, "owned file changed during validation");
+    return sha256(opened.descriptor.get(), opened.status.st_size);
 }
+
+std::string hashOwnedFile(const FixedPlace& place) { return hashExamined(safeFile(place)); }
 
 } // namespace maintenance

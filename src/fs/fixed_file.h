@@ -81,15 +81,21 @@ std::string readText(const FixedPlace& place, const std::string& subject);
 std::string readText(const std::filesystem::path& path, const std::string& scope, const std::string& subject);
 
 /// Requires that an owned file is reached from its scope root through real directories only and is a
-/// single-linked regular file; returns it open for reading.
+/// single-linked regular file; returns it examined.
 ///
 /// throws  Invalid "owned file is missing"
 ///         Invalid "owned path contains a symbolic link"
 ///         Invalid "owned path has a foreign file type"
-///         Invalid "owned file cannot be read", "owned file changed during validation"
-OpenFile safeFile(const FixedPlace& place);
+///         Invalid "cannot read an owned file"  a directory on the way cannot be entered
+ExaminedFile safeFile(const FixedPlace& place);
 
-/// Returns the digest text of an owned file. Throws what safeFile and sha256 throw.
+/// Returns the digest text of an examined owned file.
+///
+/// throws  Invalid "cannot read an owned file", "owned file changed during validation"
+///         what sha256 throws
+std::string hashExamined(const ExaminedFile& file);
+
+/// Returns the digest text of an owned file. Throws what safeFile and hashExamined throw.
 std::string hashOwnedFile(const FixedPlace& place);
 
 /// Tells whether an open file still has the size and times that it was examined with.

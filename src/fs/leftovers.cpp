@@ -1,11 +1,14 @@
 #include "fs/leftovers.h"
 
 #include "fs/directory_entries.h"
+#include "fs/fixed_file.h"
 #include "fs/owner_power.h"
 
 #include <algorithm>
 #include <climits>
 #include <fcntl.h>
+#include <iterator>
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +22,52 @@ bool isProcessId(std::string_view text)
 {
     return !text.empty() && text.front() != '0' &&
            std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+bool looksTemporary(const std::string& entry)
+{
+    return entry.starts_with('.') && entry.find(infix) != std::string::npos;
+}
+
+/// Returns the status of a regular file of the owner's that has two names.
+std::optional<struct stat> statusOfTwin(int directory, const std::string& name, uid_t owner)
+{
+    struct stat status = {};
+    if (::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(status.st_mode) ||
+        status.st_nlink != 2 || status.st_uid != owner)
+        return std::nullopt;
+    return status;
+}
+
+bool belongsTo(uid_t owner, int directory)
+{
+    struct stat status = {};
+    return ::fstat(directory, &status) == 0 && status.st_uid == owner;
+}
+
+/// Removes the second name that one of the temporary names `candidates` may be for the file `name`.
+void removeSecondName(int directory, const std::string& name, const std::vector<std::string>& candidates,
+                      uid_t owner)
+{
+    const auto status = statusOfTwin(directory, name, owner);
+    if (!status)
+        return;
+    for (const std::string& candidate : candidates) {
+        if (!isTemporaryNameOf(candidate, name))
+            continue;
+        const auto other = statusOfTwin(directory, candidate, owner);
+        if (other && sameFile(*other, *status))
+            withOwnersPower(directory, owner,
+                            [&] { return ::unlinkat(directory, candidate.c_str(), 0); });
+    }
+}
+
+/// Tells the temporary names among the entries of a directory of the owner's.
+std::vector<std::string> temporaryEntries(const std::vector<std::string>& entries)
+{
+    std::vector<std::string> found;
+    std::copy_if(entries.begin(), entries.end(), std::back_inserter(found), looksTemporary);
+    return found;
 }
 
 } // namespace
@@ -56,6 +105,26 @@ void removeLeftovers(const std::string& scope, int directory, const std::string&
             continue;
         withOwnersPower(directory, owner, [&] { return ::unlinkat(directory, entry.c_str(), 0); });
     }
+}
+
+void removeSecondNames(const std::string& scope, int directory)
+{
+    const auto entries = directoryEntries(directory);
+    if (entries)
+        removeSecondNames(scope, directory, {entries->begin(), entries->end()});
+}
+
+void removeSecondNames(const std::string& scope, int directory, const std::set<std::string>& names)
+{
+    const uid_t owner = scopeOwner(scope);
+    const auto entries = directoryEntries(directory);
+    if (!entries || !belongsTo(owner, directory))
+        return;
+    const std::vector<std::string> candidates = temporaryEntries(*entries);
+    if (candidates.empty())
+        return;
+    for (const std::string& name : names)
+        removeSecondName(directory, name, candidates, owner);
 }
 
 } // namespace maintenance

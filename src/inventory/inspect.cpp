@@ -4,6 +4,8 @@
 #include "receipts/products.h"
 #include "validate/invalid.h"
 
+#include <algorithm>
+
 namespace maintenance {
 
 namespace {
@@ -24,15 +26,21 @@ const char* statusWord(const Findings& findings)
     return findings.moveRequired ? "move-required" : "clean";
 }
 
+/// Tells whether something stands in the place of one of the product's files.
+bool somethingIsInTheWay(const Descriptor& descriptor, const Product& product)
+{
+    const std::filesystem::path root = scopeRoot(descriptor.targetScope);
+    return std::any_of(descriptor.files.begin(), descriptor.files.end(), [&](const File& file) {
+        return file.product == product.id && somethingStandsAt(root / file.path);
+    });
+}
+
 /// Refuses to overwrite what somebody installed without a package, unless the descriptor says how.
 void refuseManualCollision(const Descriptor& descriptor, const Product& product)
 {
-    if (descriptor.decision != "none")
-        return;
-    const std::filesystem::path root = scopeRoot(descriptor.targetScope);
-    for (const File& file : descriptor.files)
-        if (file.product == product.id && somethingStandsAt(root / file.path))
-            throw Invalid("manual installation collision requires adopt or replace");
+    // Looked for in any case: a place that cannot be examined is an error whatever was decided.
+    if (somethingIsInTheWay(descriptor, product) && descriptor.decision == "none")
+        throw Invalid("manual installation collision requires adopt or replace");
 }
 
 void inspectProduct(const Descriptor& descriptor, const Product& product, ProductLookup& lookup,

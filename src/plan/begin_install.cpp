@@ -11,6 +11,7 @@
 #include "platform/executable_path.h"
 #include "receipts/products.h"
 #include "transaction/recovery.h"
+#include "transaction/second_names.h"
 #include "transaction/transaction_scopes.h"
 #include "validate/invalid.h"
 
@@ -129,6 +130,7 @@ std::string beginInstall(const std::string& scope)
     const Plan plan = parsePlan(embeddedPlanPath());
     validateLayout(scope);
     const Locks locks({scope});
+    removeSecondNames(scope);
     if (!standsSafely(pendingInstallPlace(scope), "pending installation attempt is unsafe"))
         return beginAttempt(plan, scope);
     const PendingInstall attempt = readBoundAttempt(plan, scope);

@@ -127,10 +127,15 @@ std::string hashListedFile(const std::filesystem::path& path, const struct stat&
                            LastDirectory& last)
 {
     // An exchange in the directories above cannot make this open a device, which may act on being opened.
-    const int directory = openListedDirectory(last, path.parent_path().native());
-    const std::string name = path.filename().native();
+    int directory = openListedDirectory(last, path.parent_path().native());
+    std::string name = path.filename().native();
+    if (directory < 0 && errno == EACCES) {
+        // Never root's case: an account may reach files in a directory that it cannot list.
+        directory = AT_FDCWD;
+        name = path.native();
+    }
     struct stat named = {};
-    if (directory < 0 || ::fstatat(directory, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0)
+    if ((directory < 0 && directory != AT_FDCWD) || ::fstatat(directory, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0)
         throw Invalid("cannot read an owned file");
     if (!S_ISREG(named.st_mode) && !S_ISLNK(named.st_mode))
         throw Invalid("pkgutil receipt-owned file changed during validation");

@@ -13,6 +13,7 @@
 #include "transaction/owned_removal.h"
 #include "transaction/recovery.h"
 #include "transaction/restoration.h"
+#include "transaction/second_names.h"
 #include "transaction/snapshot.h"
 #include "transaction/transaction_directory.h"
 #include "transaction/transaction_scopes.h"
@@ -172,6 +173,7 @@ void carryBack(const Descriptor& descriptor, const PreparedState& state)
 void commit(const Descriptor& descriptor)
 {
     const Locks locks(involvedScopes(descriptor));
+    removeSecondNames(descriptor);
     if (recoverCompleted(descriptor))
         return;
     validateTransactionDirectory(descriptor);

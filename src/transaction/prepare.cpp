@@ -6,6 +6,7 @@
 #include "receipts/products.h"
 #include "receipts/receipt_snapshot.h"
 #include "transaction/recovery.h"
+#include "transaction/second_names.h"
 #include "transaction/snapshot.h"
 #include "transaction/transaction_directory.h"
 #include "transaction/transaction_scopes.h"
@@ -98,6 +99,7 @@ void requireAdoptable(const Descriptor& descriptor)
 void prepare(const Descriptor& descriptor)
 {
     const Locks locks(involvedScopes(descriptor));
+    removeSecondNames(descriptor);
     refuseCommonDowngrades(descriptor);
     inspect(descriptor);
     rejectReplay(descriptor);

@@ -1,6 +1,7 @@
 #include "transaction/recovery.h"
 
 #include "fs/existence.h"
+#include "fs/fixed_file.h"
 #include "fs/publish.h"
 #include "fs/removal.h"
 #include "transaction/prepared_state.h"
@@ -27,12 +28,36 @@ bool namesTransaction(const std::string& lease, const std::string& id)
     return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
+/// Reads a lease of whatever owner and mode.
+std::string readAnyLease(const std::string& scope)
+{
+    const std::string subject = "durable transaction lease";
+    const ExaminedFile file = regular(placeInScope(scope, activePath(scope)), subject);
+    if (file.status.st_size > largestMetadata)
+        throw Invalid(subject + " ownership or mode is unsafe");
+    return readContent(openExamined(file, subject), subject);
+}
+
+/// Tells whether a scope's lease may be the transaction's: it names it, or is a file of which nobody can tell. A
+/// link is not, and neither is a foreign text, whatever its owner and mode.
+bool mayHoldLease(const std::string& scope, const std::string& id)
+{
+    const auto standing = linkStatus(activePath(scope));
+    if (!standing || !S_ISREG(standing->st_mode))
+        return false;
+    try {
+        return namesTransaction(readAnyLease(scope), id);
+    } catch (const Invalid&) {
+        return true;
+    }
+}
+
 /// Discards a directory whose preparation was interrupted before its state was published. A lease of this
 /// transaction contradicts that: then the state is what got lost, and nothing may be thrown away.
 void discardUnprepared(const Descriptor& descriptor)
 {
     for (const std::string& scope : involvedScopes(descriptor))
-        if (hasLease(scope) && namesTransaction(readLease(scope), descriptor.id))
+        if (mayHoldLease(scope, descriptor.id))
             throw Invalid(anotherActive);
     removeTransactionDirectory(descriptor);
 }

@@ -90,6 +90,17 @@ ProvenSnapshots proveSnapshots(const Descriptor& descriptor)
 /// or something that has to be removed first (a link, or a file of another owner).
 enum class Standing { Nothing, ExpectedFile, Replaceable, Foreign };
 
+/// Tells whether a file can be seen to hold the bytes of that digest; one that cannot be read has to be replaced.
+bool holds(const FixedPlace& place, const std::string& expectedHash)
+{
+    const ExaminedFile file = safeFile(place);
+    try {
+        return hashExamined(file) == expectedHash;
+    } catch (const Invalid&) {
+        return false;
+    }
+}
+
 Standing examinePlace(const FixedPlace& place, const std::string& expectedHash)
 {
     const auto status = linkStatus(absolutePath(place));
@@ -97,7 +108,7 @@ Standing examinePlace(const FixedPlace& place, const std::string& expectedHash)
         return Standing::Nothing;
     if (!S_ISREG(status->st_mode) || status->st_nlink != 1)
         return Standing::Foreign;
-    if (hashOwnedFile(place) == expectedHash)
+    if (holds(place, expectedHash))
         return Standing::ExpectedFile;
     return status->st_uid == scopeOwner(place.scope) ? Standing::Replaceable : Standing::Foreign;
 }

@@ -3,6 +3,7 @@
 #include "fs/locks.h"
 #include "transaction/recovery.h"
 #include "transaction/restoration.h"
+#include "transaction/second_names.h"
 #include "transaction/transaction_directory.h"
 #include "transaction/transaction_scopes.h"
 #include "validate/invalid.h"
@@ -12,6 +13,7 @@ namespace maintenance {
 void rollback(const Descriptor& descriptor)
 {
     const Locks locks(involvedScopes(descriptor));
+    removeSecondNames(descriptor);
     if (recoverCompleted(descriptor))
         return;
     validateTransactionDirectory(descriptor);

@@ -12,6 +12,7 @@
 #include "transaction/checkpoint.h"
 #include "transaction/owned_removal.h"
 #include "transaction/recovery.h"
+#include "transaction/second_names.h"
 #include "transaction/snapshot.h"
 #include "transaction/transaction_directory.h"
 #include "transaction/transaction_scopes.h"
@@ -181,6 +182,7 @@ void uninstall(const Descriptor& descriptor)
 {
     const std::string& scope = descriptor.targetScope;
     const Locks locks(involvedScopes(descriptor));
+    removeSecondNames(descriptor);
     if (recoverCompleted(descriptor))
         return;
     const bool resumed = resumePrepared(descriptor);

@@ -17,7 +17,7 @@ const Ending unsafeRoot = invalid("scope root is missing or unsafe");
 const Ending ownedMissing = invalid("owned file is missing");
 const Ending ownedLink = invalid("owned path contains a symbolic link");
 const Ending ownedForeign = invalid("owned path has a foreign file type");
-const Ending ownedUnreadable = invalid("owned file cannot be read");
+const Ending ownedUnreadable = invalid("cannot read an owned file");
 const Ending ownedExchanged = invalid("owned file changed during validation");
 const Ending notHashed = invalid("cannot hash an owned file");
 

@@ -674,7 +674,7 @@ TEST(DescriptorFile, WhoseReadingFailsIsRefused)
 TEST(DescriptorFile, ThatVanishesBetweenItsLocationAndItsExaminationIsRefused)
 {
     publishText("user", sample, "probe-1");
-    EXPECT_EQ(runWhile(SYS_newfstatat, "probe-1.tpmt", 2, [] { removeAll(descriptorOf("user", "probe-1")); },
+    EXPECT_EQ(runWhile(SYS_newfstatat, "probe-1.tpmt", 1, [] { removeAll(descriptorOf("user", "probe-1")); },
                        {"inspect", "user", "probe-1"}),
               descriptorRefused("is missing or unsafe"));
 }

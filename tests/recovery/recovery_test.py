@@ -43,15 +43,11 @@ class Rehearsal:
         if self._made.spare:
             with open(SPARE, "w", encoding="ascii") as file:
                 file.write(self._made.spare)
-        for second, first in self._made.twins.items():
-            os.link(first, second)
         self._holders = [situations.hold(path) for path in self._made.holders]
         return self
 
     def __exit__(self, *_):
         self.let_go()
-        for second in filter(os.path.lexists, self._made.twins):
-            os.unlink(second)
 
     def let_go(self):
         """The other run ends, and with it its locks."""

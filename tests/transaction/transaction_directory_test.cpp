@@ -212,7 +212,7 @@ TEST(TransactionDirectory, IsNotUsedWhenItWasExchangedDuringCreation)
         for (const Plant& exchange : exchanges) {
             std::string exchanged;
             const Decide decide = [&](const SystemCall& call) {
-                if (call.is(SYS_openat, moveId) && exchanged.empty()) {
+                if (call.is(SYS_openat, moveId) && exchanged.empty() && isThere(directoryOf(work))) {
                     exchange(directoryOf(work));
                     exchanged = describe(directoryOf(work));
                 }
@@ -407,8 +407,10 @@ TEST(TransactionDirectory, ThatChangesDuringValidationIsRefused)
     const Work work = Work("user").brings(alpha);
     plantAnew(work);
     const std::filesystem::path manifest = directoryOf(work) / "authority-target/manifest";
+    int examined = 0;
     const Decide vanish = [&](const SystemCall& call) {
-        if (call.is(SYS_newfstatat, "manifest"))
+        // Looked for first where a second name may have to go.
+        if (call.is(SYS_newfstatat, "manifest") && ++examined == 2)
             removeAll(manifest);
         return 0;
     };
@@ -421,8 +423,10 @@ TEST(TransactionDirectory, WhoseEntryIsExchangedForALinkIsRefused)
     const Work work = Work("user").brings(alpha);
     plantAnew(work);
     const std::filesystem::path entry = directoryOf(work) / "authority-target";
+    int opened = 0;
     const Decide exchange = [&](const SystemCall& call) {
-        if (call.is(SYS_openat, "authority-target") && describe(entry) == "dir 501 0755") {
+        // Opened twice before, where a second name may have to go.
+        if (call.is(SYS_openat, "authority-target") && ++opened == 3) {
             std::filesystem::rename(entry, "/Users/player/moved");
             makeLink(entry, "/Users/player/moved");
         }
