@@ -52,8 +52,8 @@ bool isCommandLine(const std::vector<std::string>& words)
     return words.size() == 4 && isDescriptorCommand(words[1]) && isScope(words[2]) && safeId(words[3]);
 }
 
-/// Tells whether every directory on the way from the scope root to `directory` that is there is a real one, and
-/// `directory` is. Only looks: whatever is read later is reached by a walk of its own.
+/// Tells whether every directory on the way from the scope root to `directory` that is there is a real one,
+/// and `directory` is. Only looks: whatever is read later is reached by a walk of its own.
 bool isReachedByDirectories(const std::string& scope, const std::filesystem::path& directory)
 {
     std::filesystem::path reached = scopeRoot(scope);

@@ -57,8 +57,7 @@ void removeSecondName(int directory, const std::string& name, const std::vector<
             continue;
         const auto other = statusOfTwin(directory, candidate, owner);
         if (other && sameFile(*other, *status))
-            withOwnersPower(directory, owner,
-                            [&] { return ::unlinkat(directory, candidate.c_str(), 0); });
+            withOwnersPower(directory, owner, [&] { return ::unlinkat(directory, candidate.c_str(), 0); });
     }
 }
 

@@ -21,9 +21,9 @@ bool isTemporaryNameOf(std::string_view entry, std::string_view name);
 /// scope's lock held, when no other run can be writing there. Whatever cannot be removed is left alone.
 void removeLeftovers(const std::string& scope, int directory, const std::string& name);
 
-/// Takes away what is left of a rename that lost its second half: in the open directory `directory` (borrowed)
-/// of the scope's owner, the temporary name of a regular file of the owner's that has this name, its own, and no
-/// other. The file keeps its own name. Whatever cannot be removed is left alone.
+/// Takes away what is left of a rename that lost its second half: in the open directory `directory`
+/// (borrowed) of the scope's owner, the temporary name of a regular file of the owner's that has this name,
+/// its own, and no other. The file keeps its own name. Whatever cannot be removed is left alone.
 void removeSecondNames(const std::string& scope, int directory);
 
 /// Does the same for files that are called like one of `names`.

@@ -135,7 +135,8 @@ std::string hashListedFile(const std::filesystem::path& path, const struct stat&
         name = path.native();
     }
     struct stat named = {};
-    if ((directory < 0 && directory != AT_FDCWD) || ::fstatat(directory, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0)
+    if ((directory < 0 && directory != AT_FDCWD) ||
+        ::fstatat(directory, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0)
         throw Invalid("cannot read an owned file");
     if (!S_ISREG(named.st_mode) && !S_ISLNK(named.st_mode))
         throw Invalid("pkgutil receipt-owned file changed during validation");

@@ -38,8 +38,8 @@ std::string readAnyLease(const std::string& scope)
     return readContent(openExamined(file, subject), subject);
 }
 
-/// Tells whether a scope's lease may be the transaction's: it names it, or is a file of which nobody can tell. A
-/// link is not, and neither is a foreign text, whatever its owner and mode.
+/// Tells whether a scope's lease may be the transaction's: it names it, or is a file of which nobody can
+/// tell. A link is not, and neither is a foreign text, whatever its owner and mode.
 bool mayHoldLease(const std::string& scope, const std::string& id)
 {
     const auto standing = linkStatus(activePath(scope));

@@ -90,7 +90,8 @@ ProvenSnapshots proveSnapshots(const Descriptor& descriptor)
 /// or something that has to be removed first (a link, or a file of another owner).
 enum class Standing { Nothing, ExpectedFile, Replaceable, Foreign };
 
-/// Tells whether a file can be seen to hold the bytes of that digest; one that cannot be read has to be replaced.
+/// Tells whether a file can be seen to hold the bytes of that digest; one that cannot be read has to be
+/// replaced.
 bool holds(const FixedPlace& place, const std::string& expectedHash)
 {
     const ExaminedFile file = safeFile(place);

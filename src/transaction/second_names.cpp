@@ -59,9 +59,8 @@ void addSnapshotFiles(FilesByDirectory& files, const FixedPlace& snapshot)
 void removeSecondNames(const std::string& scope)
 {
     const std::string maintenance(maintenanceDirectory);
-    for (const std::string& place :
-         {std::string(supportDirectory), maintenance, maintenance + "/Inbox", maintenance + "/Completed",
-          maintenance + "/Products"})
+    for (const std::string& place : {std::string(supportDirectory), maintenance, maintenance + "/Inbox",
+                                     maintenance + "/Completed", maintenance + "/Products"})
         if (const OwnedFd directory = openMetadata({scope, place}))
             removeSecondNames(scope, directory.get());
 }

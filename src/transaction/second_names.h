@@ -6,15 +6,15 @@
 
 namespace maintenance {
 
-// A rename takes two steps on a file system without a journal. A power cut between them leaves a file with two
-// names, the temporary one and its own, and every check refuses such a file.
+// A rename takes two steps on a file system without a journal. A power cut between them leaves a file with
+// two names, the temporary one and its own, and every check refuses such a file.
 
-/// Takes away the temporary one of two such names in the scope's metadata directories. Must be called with the
-/// scope's lock held. What cannot be looked at or removed stays, for the steps that follow to name.
+/// Takes away the temporary one of two such names in the scope's metadata directories. Must be called with
+/// the scope's lock held. What cannot be looked at or removed stays, for the steps that follow to name.
 void removeSecondNames(const std::string& scope);
 
-/// Does the same in every involved scope, in the transaction's directory, and for the files that the descriptor
-/// or a snapshot of the transaction lists.
+/// Does the same in every involved scope, in the transaction's directory, and for the files that the
+/// descriptor or a snapshot of the transaction lists.
 void removeSecondNames(const Descriptor& descriptor);
 
 } // namespace maintenance

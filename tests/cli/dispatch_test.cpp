@@ -231,6 +231,29 @@ TEST(DescriptorLayout, OfAnUnsafeTargetScopeIsRefused)
         }
 }
 
+TEST(DescriptorLayout, AboveTheDescriptorThatIsRootsIsRefusedByItsOwnerWhateverItsMode)
+{
+    for (const char* name :
+         {"Library", "Library/Application Support", "Library/Application Support/Tamarind Pelican",
+          "Library/Application Support/Tamarind Pelican/Maintenance",
+          "Library/Application Support/Tamarind Pelican/Maintenance/Inbox"})
+        for (const mode_t mode : {0700u, 0711u, 0755u}) {
+            publish(Work("user").brings(alpha()), "probe-1");
+            setOwner(rootOf("user") / name, rootUid);
+            setMode(rootOf("user") / name, mode);
+            EXPECT_EQ(run({"inspect", "user", "probe-1"}), unsafeOwner) << name << " " << mode;
+            setOwner(rootOf("user") / name, playerUid);
+        }
+}
+
+TEST(DescriptorLayout, AboveTheDescriptorThatItsAccountCannotListIsRefused)
+{
+    publish(Work("user").brings(alpha()), "probe-1");
+    setMode(maintenanceOf("user") / "Inbox", 0311);
+    EXPECT_EQ(run({"inspect", "user", "probe-1"}, asPlayer()),
+              refused("fixed maintenance directory is missing or redirected"));
+}
+
 TEST(DescriptorLayout, OfAnUnsafeOtherScopeIsRefusedOnlyForASource)
 {
     for (const std::string& scope : bothScopes) {

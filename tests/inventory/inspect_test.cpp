@@ -372,7 +372,8 @@ TEST(Inspect, OfAPathThatIsTooLongEndsWithAnInternalError)
     Plugin alpha = plugin("alpha", "1.0");
     alpha.withVst3File(std::string(300, 'n'), "x");
     makeDirectories(rootOf("user") / vst3Path("alpha", "Contents"), {playerUid, 0755});
-    EXPECT_EQ(inspecting(Work("user").brings(alpha, "-")).status, 70);
+    for (const std::string decision : {"none", "adopt", "replace"})
+        EXPECT_EQ(inspecting(Work("user").deciding(decision).brings(alpha, "-")).status, 70) << decision;
 }
 
 TEST(Inspect, SeesAProductOnlyInTheScopeThatItWasInstalledIn)

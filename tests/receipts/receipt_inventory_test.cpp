@@ -536,6 +536,20 @@ TEST(ReceiptInventory, WithoutVerificationNeverTakesAnImpossibleNameForAbsence)
               invalid("pkgutil receipt-owned file is missing"));
 }
 
+TEST(ReceiptInventory, HashesFilesInADirectoryThatTheAccountMayOnlyPass)
+{
+    install("system", commonPackage());
+    install("system", plugin("alpha", "1.0"));
+    publish(Work("user").from("system").brings(plugin("alpha", "1.0"), "-"), "pass");
+    const std::filesystem::path directory = (rootOf("system") / vst3Path("alpha")).parent_path();
+    setMode(directory, 0711);
+    EXPECT_EQ(pkgutilReceipts("system", true).size(), 3U);
+    EXPECT_EQ(asAccount(playerUid, [] { return std::to_string(pkgutilReceipts("system", true).size()); }),
+              returned("3"));
+    setMode(directory, 0700);
+    EXPECT_EQ(asAccount(playerUid, [] { pkgutilReceipts("system", true); }).kind, "Invalid");
+}
+
 TEST(ReceiptInventory, WithoutVerificationNeverTakesAnUnreadableDirectoryForAbsence)
 {
     install("user", plugin("alpha", "1.0"));

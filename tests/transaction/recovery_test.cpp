@@ -864,6 +864,51 @@ TEST(ResumePrepared, DiscardsAnUnpreparedDirectoryThatNoLeaseNames)
             }
 }
 
+TEST(ResumePrepared, DiscardsAnUnpreparedDirectoryBesideWhatIsNoLeaseOfIts)
+{
+    for (const Work& work : everyKind(alpha))
+        for (const std::string& scope : work.involved())
+            for (const bool link : {false, true})
+                for (const std::string& word : resumingCommands) {
+                    plantState(work, {"creating", makeCreating});
+                    if (link)
+                        makeLink(leaseOf(scope), "nowhere");
+                    else
+                        writeFile(leaseOf(scope), "somebody's own\n", {502, 0666});
+                    EXPECT_EQ(command(word, work), anotherActive) << kindOf(work) << " " << word;
+                    EXPECT_FALSE(isThere(directoryOf(work))) << kindOf(work) << " " << word;
+                    removeAll(leaseOf(scope));
+                }
+}
+
+TEST(ResumePrepared, DiscardsNothingWhileALeaseMayBeTheTransactionsOwn)
+{
+    const Work work = Work("user").brings(alpha);
+    const std::string own = work.prepared(moveId, generationOf('a'));
+    const std::vector<std::function<void()>> leases = {
+        [&] {
+            writeFile(leaseOf("user"), own, {playerUid, 0666});
+        },
+        [&] {
+            writeFile(leaseOf("user"), own, {rootUid, 0600});
+        },
+        [&] {
+            writeFile(leaseOf("user"), std::string(1048577, 'x'), {playerUid, 0600});
+        },
+        [&] {
+            writeFile("/Users/Shared/other", "text", {playerUid, 0600});
+            makeHardLink(leaseOf("user"), "/Users/Shared/other");
+        },
+    };
+    for (const auto& make : leases) {
+        plantState(work, {"creating", makeCreating});
+        removeAll(leaseOf("user"));
+        make();
+        EXPECT_EQ(prepareMove(work), anotherActive) << describe(leaseOf("user"));
+        EXPECT_TRUE(isThere(directoryOf(work))) << describe(leaseOf("user"));
+    }
+}
+
 TEST(ResumePrepared, IgnoresALeaseOfAScopeThatIsNotInvolved)
 {
     const Work work = Work("user").brings(alpha);

@@ -113,6 +113,17 @@ TEST_P(RestorationIn, StopsAtWhatIsNoSingleLinkedFile)
     EXPECT_EQ(readFile(file), "by hand: " + vst3Path("alpha"));
 }
 
+TEST(Restoration, ReplacesAFileThatTheAccountCannotRead)
+{
+    const Transaction transaction = prepareRepair("user");
+    const std::filesystem::path file = vst3File("user", "alpha");
+    const std::string content = readFile(file);
+    setMode(file, 0);
+    EXPECT_EQ(transaction.rollBack(asPlayer()), succeeded());
+    EXPECT_EQ(readFile(file), content);
+    EXPECT_EQ(describe(file), "file 501 0600");
+}
+
 TEST_P(RestorationIn, FollowsNoLinkAboveAFile)
 {
     const Transaction transaction = prepareReplacement(scope());

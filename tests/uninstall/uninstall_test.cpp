@@ -449,6 +449,18 @@ TEST(UninstallOfTheUserScope, WorksForTheAccountItself)
     EXPECT_FALSE(isRegistered("user", commonPackage().id));
 }
 
+TEST(UninstallOfTheUserScope, RefusesAFileThatTheAccountCannotRead)
+{
+    install("user", commonPackage());
+    install("user", alpha);
+    publish(Work("user").brings(alpha, "1.0"), "remove-alpha");
+    setMode(rootOf("user") / vst3Path("alpha"), 0);
+    EXPECT_EQ(run({"uninstall-product", "user", "remove-alpha"}, asPlayer()),
+              refused("cannot read transaction source"));
+    EXPECT_FALSE(isThere(transactionOf("user", "remove-alpha")));
+    EXPECT_EQ(run({"uninstall-product", "user", "remove-alpha"}), succeeded());
+}
+
 TEST(UninstallOfTheSystemScope, IsNotForAnAccount)
 {
     install("system", commonPackage());
