@@ -1,5 +1,5 @@
 # What the scripts of an installation share; sourced by them.
-# shellcheck shell=sh
+# shellcheck shell=sh disable=SC2034,SC2154 # what the scripts that source this set and read
 PATH=/usr/bin:/bin:/usr/sbin:/sbin
 export PATH
 umask 022
