@@ -185,12 +185,11 @@ ExaminedFile safeFile(const FixedPlace& place)
     return file;
 }
 
-std::string hashExamined(const ExaminedFile& file)
+std::string hashOwnedFile(const FixedPlace& place)
 {
-    const OpenFile opened = openExamined(file, unreadableOwnedFile, "owned file changed during validation");
-    return sha256(opened.descriptor.get(), opened.status.st_size);
+    const OpenFile file =
+        openExamined(safeFile(place), unreadableOwnedFile, "owned file changed during validation");
+    return sha256(file.descriptor.get(), file.status.st_size);
 }
-
-std::string hashOwnedFile(const FixedPlace& place) { return hashExamined(safeFile(place)); }
 
 } // namespace maintenance

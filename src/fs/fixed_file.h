@@ -89,13 +89,10 @@ std::string readText(const std::filesystem::path& path, const std::string& scope
 ///         Invalid "cannot read an owned file"  a directory on the way cannot be entered
 ExaminedFile safeFile(const FixedPlace& place);
 
-/// Returns the digest text of an examined owned file.
+/// Returns the digest text of an owned file.
 ///
-/// throws  Invalid "cannot read an owned file", "owned file changed during validation"
-///         what sha256 throws
-std::string hashExamined(const ExaminedFile& file);
-
-/// Returns the digest text of an owned file. Throws what safeFile and hashExamined throw.
+/// throws  what safeFile and sha256 throw
+///         Invalid "cannot read an owned file", "owned file changed during validation"
 std::string hashOwnedFile(const FixedPlace& place);
 
 /// Tells whether an open file still has the size and times that it was examined with.

@@ -19,6 +19,7 @@
 #include <optional>
 #include <set>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace maintenance {
 
@@ -90,16 +91,11 @@ ProvenSnapshots proveSnapshots(const Descriptor& descriptor)
 /// or something that has to be removed first (a link, or a file of another owner).
 enum class Standing { Nothing, ExpectedFile, Replaceable, Foreign };
 
-/// Tells whether a file can be seen to hold the bytes of that digest; one that cannot be read has to be
-/// replaced.
-bool holds(const FixedPlace& place, const std::string& expectedHash)
+/// Tells whether this process may not read its own file, so that nobody can tell what it holds. A read that
+/// fails for another reason is no reason to replace anything.
+bool isClosed(const struct stat& status)
 {
-    const ExaminedFile file = safeFile(place);
-    try {
-        return hashExamined(file) == expectedHash;
-    } catch (const Invalid&) {
-        return false;
-    }
+    return status.st_uid != 0 && status.st_uid == ::geteuid() && (status.st_mode & S_IRUSR) == 0;
 }
 
 Standing examinePlace(const FixedPlace& place, const std::string& expectedHash)
@@ -109,7 +105,9 @@ Standing examinePlace(const FixedPlace& place, const std::string& expectedHash)
         return Standing::Nothing;
     if (!S_ISREG(status->st_mode) || status->st_nlink != 1)
         return Standing::Foreign;
-    if (holds(place, expectedHash))
+    if (isClosed(*status))
+        return Standing::Replaceable;
+    if (hashOwnedFile(place) == expectedHash)
         return Standing::ExpectedFile;
     return status->st_uid == scopeOwner(place.scope) ? Standing::Replaceable : Standing::Foreign;
 }

@@ -124,6 +124,22 @@ TEST(Restoration, ReplacesAFileThatTheAccountCannotRead)
     EXPECT_EQ(describe(file), "file 501 0600");
 }
 
+TEST(Restoration, ReplacesNothingBecauseAReadFailed)
+{
+    const Transaction transaction = prepareRepair("user");
+    const std::filesystem::path file = vst3File("user", "alpha");
+    const Tree before = exactBundles("user", "alpha");
+    const auto fail = [&](const SystemCall& call) {
+        const std::string opened =
+            "/proc/" + std::to_string(call.process) + "/fd/" + std::to_string(call.arguments[0]);
+        return std::filesystem::read_symlink(opened) == file ? EIO : 0;
+    };
+    const Descriptor descriptor = parse("user", transaction.id());
+    EXPECT_EQ(stopping({SYS_pread64}, fail, [&] { restore(descriptor); }),
+              invalid("cannot hash an owned file"));
+    EXPECT_EQ(difference(before, exactBundles("user", "alpha")), "");
+}
+
 TEST_P(RestorationIn, FollowsNoLinkAboveAFile)
 {
     const Transaction transaction = prepareReplacement(scope());
