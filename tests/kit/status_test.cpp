@@ -506,11 +506,11 @@ TEST(KitStatus, OfAnUpgradeInstalledWithoutPreparationNamesTheFileThatKeepsOther
     install("system", alpha);
     const Json transaction = transactionIn(kitJson({"status"}), id);
     EXPECT_EQ(transaction.at("waysOut").size(), 0U);
-    EXPECT_EQ(transaction.at("notes"),
-              Json::array({"an installation was begun, and its packages were installed without prepare-move; "
-                           "no command acts on it any more. Remove '" +
-                           pendingOf("system").native() +
-                           "', which keeps nothing, then run the installer again"}));
+    EXPECT_EQ(
+        transaction.at("notes"),
+        Json::array({"an installation was begun, and its packages were installed without prepare-move; "
+                     "no command acts on it any more. Remove '" +
+                     pendingOf("system").native() + "', which keeps nothing, then run the installer again"}));
     EXPECT_EQ(run({"prepare-move", "system", id}).err, "installed version changed before maintenance\n");
     removeAll(pendingOf("system"));
     EXPECT_NE(begin(), id);
@@ -707,6 +707,24 @@ TEST(KitStatus, OfAnAccountEndsWith77WhenNothingIsWrongButNotEverythingCouldBeRe
     const Outcome outcome = kit({"status"}, asPlayer());
     EXPECT_EQ(outcome.status, 77) << outcome;
     EXPECT_TRUE(outcome.out.ends_with("nothing is open, as far as this account may read\n")) << outcome;
+    EXPECT_TRUE(holds(outcome.out, "to do: sudo tpm-kit status system\n")) << outcome;
+}
+
+TEST(KitStatus, OfAnAbandonedInstallationSaysThatItKeepsOthersOut)
+{
+    const std::string id = begin();
+    ASSERT_EQ(run({"prepare-move", "system", id}), succeeded());
+    ASSERT_EQ(run({"commit-move", "system", id}).status, 65);
+    const Json transaction = transactionIn(kitJson({"status"}), id);
+    EXPECT_EQ(transaction.at("state"), "abandoned");
+    EXPECT_TRUE(holds(transaction.dump(), "its attempt keeps every other installer out")) << transaction;
+    EXPECT_FALSE(holds(transaction.dump(), "blocks nothing")) << transaction;
+    Surroundings other;
+    other.tool = placeTool("system", planText({plugin("alpha", "1.1")}));
+    EXPECT_EQ(run({"begin-install", "system"}, other),
+              refused("pending installation attempt is bound to another plan"));
+    ASSERT_EQ(abandonedMove(), "move-1");
+    EXPECT_TRUE(holds(transactionIn(kitJson({"status"}), "move-1").dump(), "blocks nothing"));
 }
 
 TEST(KitStatus, OfTheAccountsOwnScopeNamesCommandsThatItCanRun)
