@@ -710,6 +710,29 @@ TEST(KitStatus, OfAnAccountEndsWith77WhenNothingIsWrongButNotEverythingCouldBeRe
     EXPECT_TRUE(holds(outcome.out, "to do: sudo tpm-kit status system\n")) << outcome;
 }
 
+TEST(KitStatus, OfAnAccountSaysThatSomethingIsOpenWhereItMayNotReadWhat)
+{
+    const auto expectOpen = [] {
+        const Outcome outcome = kit({"status", "system"}, asPlayer());
+        EXPECT_EQ(outcome.status, 65) << outcome;
+        EXPECT_TRUE(outcome.out.ends_with("to do: sudo tpm-kit status system\n"
+                                          "something needs attention, see above\n"))
+            << outcome;
+        const Json answer = kitJson({"status", "system"}, asPlayer());
+        EXPECT_EQ(answer.at("attention"), true);
+        EXPECT_EQ(answer.at("complete"), false);
+        EXPECT_EQ(answer.at("advice"), "sudo tpm-kit status system");
+    };
+    const std::string id = begin();
+    expectOpen();
+    ASSERT_EQ(run({"prepare-move", "system", id}), succeeded());
+    expectOpen();
+    removeAll(pendingOf("system"));
+    expectOpen();
+    removeAll(leaseOf("system"));
+    expectOpen();
+}
+
 TEST(KitStatus, OfAnAbandonedInstallationSaysThatItKeepsOthersOut)
 {
     const std::string id = begin();
