@@ -159,6 +159,8 @@ Json scopeJson(const ScopeReport& report)
         json["pending"] = {{"sku", view.pending->sku},
                            {"packageRevision", view.pending->packageRevision},
                            {"transaction", view.pending->transaction}};
+    else if (view.pendingFile)
+        json["pending"] = nullptr;
     if (view.running)
         json["runningProcess"] = *view.running;
     json["leftovers"] = pathsJson(view.leftovers);

@@ -800,6 +800,7 @@ TEST(KitStatus, OfAnAccountSaysThatSomethingIsOpenWhereItMayNotReadWhat)
     };
     const std::string id = begin();
     expectOpen();
+    EXPECT_TRUE(scopeIn(kitJson({"status", "system"}, asPlayer()), "system").at("pending").is_null());
     ASSERT_EQ(run({"prepare-move", "system", id}), succeeded());
     expectOpen();
     removeAll(pendingOf("system"));
