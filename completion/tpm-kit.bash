@@ -21,7 +21,7 @@ _tpm_kit_values()
 {
     case $1:$2 in
     check:--kind | check:-k) echo 'plan descriptor' ;;
-    show:--kind | show:-k) echo 'plan descriptor attempt transaction product-record index manifest receipt' ;;
+    show:--kind | show:-k) echo 'plan descriptor attempt transaction product-record index manifest receipt lock absence' ;;
     *:--scope | *:-s) echo 'user system' ;;
     *:--decision) echo 'none adopt replace' ;;
     *:--root | *:-r) echo '@directories' ;;

@@ -39,7 +39,7 @@ struct Subject {
 FileKind kindOf(const CheckOptions& options, std::string_view text)
 {
     const std::optional<FileKind> found =
-        options.kind.empty() ? detectFileKind(text) : fileKindOf(options.kind);
+        options.kind.empty() ? detectFileKind(text, options.file) : fileKindOf(options.kind);
     if (found == FileKind::Plan || found == FileKind::Descriptor)
         return *found;
     // A file without a readable schema is told by its name; in doubt by what a maker writes most often.

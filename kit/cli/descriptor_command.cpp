@@ -134,6 +134,8 @@ Answer runDescriptor(const DescriptorOptions& options, bool json, const Terminal
     if (output == "-" && json)
         throw Failure(WrongUsage, "the descriptor and the JSON result cannot both go to standard output",
                       "name a file with --output, or leave --json out");
+    if (!options.plan.empty())
+        requireOtherThan({options.plan}, output);
     Descriptor descriptor = options.plan.empty() ? fromInstalled(order) : fromPlan(order, options.plan);
     const std::string text = descriptorText(descriptor);
     const FindingList findings = diagnoseDescriptor(text, output, order.scope);

@@ -1,4 +1,6 @@
+#include "fs/scope.h"
 #include "kit/cli/commands.h"
+#include "kit/cli/more_rights.h"
 #include "kit/machine/scope_view.h"
 #include "kit/report/failure.h"
 #include "kit/report/printable.h"
@@ -10,6 +12,7 @@
 #include <array>
 #include <cstdint>
 #include <ctime>
+#include <filesystem>
 
 namespace maintenance::kit {
 
@@ -50,26 +53,64 @@ const Descriptor* boundDescriptor(const std::map<std::string, ScopeView>& views,
     return &*file->second.descriptor;
 }
 
-std::vector<Completion> completionsOf(const std::map<std::string, ScopeView>& views, const ScopeView& view)
+/// Tells whether a record of the books of `authority` is about `scope`: a move is about two.
+bool concerns(const PreparedState& state, const std::string& authority, const std::string& scope)
 {
+    return authority == scope || state.sourceScope == scope || state.targetScope == scope;
+}
+
+bool holdsRecord(const std::string& path) { return path.find("/Completed/") != std::string::npos; }
+
+/// What is told of one scope.
+struct History {
+    std::string scope;
+    /// The oldest first.
     std::vector<Completion> completions;
-    for (const auto& [id, record] : view.completed) {
-        if (!record.state)
-            continue;
-        Completion completion{id, modificationTime(record.file.status), *record.state, {}, false};
-        if (const Descriptor* descriptor = boundDescriptor(views, *record.state)) {
-            completion.descriptorKnown = true;
-            for (const Product& product : descriptor->products)
-                completion.products.push_back(product.id + " " + product.targetVersion);
-        }
-        completions.push_back(std::move(completion));
+    /// Places that this account may not read and that may hold more.
+    std::vector<std::string> hidden;
+
+    std::size_t hiddenRecords() const
+    {
+        return static_cast<std::size_t>(std::count_if(
+            hidden.begin(), hidden.end(), [](const std::string& path) { return holdsRecord(path); }));
     }
+    std::string advice() const { return hidden.empty() ? "" : withMoreRights("history " + scope); }
+};
+
+/// Tells whether a place that may not be read keeps completed records from this account.
+bool hidesRecords(const ScopeView& view, const std::string& path)
+{
+    const std::string completed =
+        (std::filesystem::path(view.root) / maintenanceDirectory / "Completed").native();
+    return path.starts_with(completed) || completed.starts_with(path + "/");
+}
+
+History historyOf(const std::map<std::string, ScopeView>& views, const std::string& scope)
+{
+    History history{scope, {}, {}};
+    for (const auto& [authority, view] : views)
+        for (const std::string& path : view.sightings.unreadable)
+            if (authority == scope || hidesRecords(view, path))
+                history.hidden.push_back(path);
+    std::vector<Completion>& completions = history.completions;
+    for (const auto& [authority, view] : views)
+        for (const auto& [id, record] : view.completed) {
+            if (!record.state || !concerns(*record.state, authority, scope))
+                continue;
+            Completion completion{id, modificationTime(record.file.status), *record.state, {}, false};
+            if (const Descriptor* descriptor = boundDescriptor(views, *record.state)) {
+                completion.descriptorKnown = true;
+                for (const Product& product : descriptor->products)
+                    completion.products.push_back(product.id + " " + product.targetVersion);
+            }
+            completions.push_back(std::move(completion));
+        }
     std::stable_sort(completions.begin(), completions.end(),
                      [](const Completion& one, const Completion& other) {
                          return std::pair(one.time.tv_sec, one.time.tv_nsec) <
                                 std::pair(other.time.tv_sec, other.time.tv_nsec);
                      });
-    return completions;
+    return history;
 }
 
 Json completionJson(const Completion& completion)
@@ -95,26 +136,36 @@ std::string completionText(const Completion& completion, const Paint& paint)
     return text + (completion.descriptorKnown ? "" : ", descriptor not available") + "\n";
 }
 
-Json historyJson(const ScopeView& view, const std::vector<Completion>& completions)
+Json historyJson(const History& history)
 {
-    Json json{
-        {"scope", view.scope}, {"complete", view.sightings.unreadable.empty()}, {"completed", Json::array()}};
-    for (const Completion& completion : completions)
+    Json json{{"scope", history.scope}, {"complete", history.hidden.empty()}, {"completed", Json::array()}};
+    for (const Completion& completion : history.completions)
         json["completed"].push_back(completionJson(completion));
     json["unreadable"] = Json::array();
-    for (const std::string& path : view.sightings.unreadable)
+    for (const std::string& path : history.hidden)
         json["unreadable"].push_back(printable(path, 4096));
+    if (const std::string advice = history.advice(); !advice.empty())
+        json["advice"] = advice;
     return json;
 }
 
-std::string historyText(const ScopeView& view, const std::vector<Completion>& completions, const Paint& paint)
+std::string historyText(const History& history, const Paint& paint)
 {
     std::string text;
-    for (const Completion& completion : completions)
+    for (const Completion& completion : history.completions)
         text += completionText(completion, paint);
-    for (const std::string& path : view.sightings.unreadable)
+    if (!history.completions.empty())
+        text += "a record does not tell whether it was committed, rolled back or uninstalled\n";
+    for (const std::string& path : history.hidden)
         text += paint.doubtful("may not be read by this account: ") + printable(path, 4096) + "\n";
-    return text + counted(completions.size(), "completed transaction") + " in the " + view.scope + " scope\n";
+    if (const std::string advice = history.advice(); !advice.empty())
+        text += "to do: " + advice + "\n";
+    text += (history.hidden.empty() ? "" : "at least ") +
+            counted(history.completions.size(), "completed transaction") + " in the " + history.scope +
+            " scope";
+    if (const std::size_t records = history.hiddenRecords(); records > 0)
+        text += ", " + std::to_string(records) + " may not be read";
+    return text + "\n";
 }
 
 } // namespace
@@ -125,7 +176,7 @@ Answer runHistory(const HistoryOptions& options, bool json, const Terminal& term
     for (const char* scope : {"user", "system"})
         views.emplace(scope, readScope(scope));
     const ScopeView& view = views.at(options.scope);
-    const std::vector<Completion> completions = completionsOf(views, view);
+    const History history = historyOf(views, options.scope);
     const FindingList damaged = [&] {
         FindingList findings;
         for (const Finding& finding : view.sightings.findings)
@@ -133,11 +184,8 @@ Answer runHistory(const HistoryOptions& options, bool json, const Terminal& term
                 findings.push_back(finding);
         return findings;
     }();
-    const int status = !damaged.empty()                    ? Findings
-                       : view.sightings.unreadable.empty() ? AllRight
-                                                           : NotPermitted;
-    return {status,
-            json ? jsonText(historyJson(view, completions)) : historyText(view, completions, terminal.out),
+    const int status = !damaged.empty() ? Findings : history.hidden.empty() ? AllRight : NotPermitted;
+    return {status, json ? jsonText(historyJson(history)) : historyText(history, terminal.out),
             findingsText(damaged, terminal.err)};
 }
 

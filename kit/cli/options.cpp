@@ -1,10 +1,12 @@
 #include "kit/cli/options.h"
 
 #include "kit/report/failure.h"
+#include "kit/report/printable.h"
 #include "kit/text/plan_text.h"
 #include "kit/text/tool_file.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <sstream>
 
 namespace maintenance::kit {
@@ -98,7 +100,9 @@ void addShow(Commands& commands)
         commands, "show", "Show any of the tool's files, for people or as JSON",
         "Example: tpm-kit show --json ActiveTransaction\n"
         "Plans, descriptors, pending attempts, prepared transactions, leases, completed records, product\n"
-        "records, the index of installed products, snapshot manifests and receipts.");
+        "records, the index of installed products, snapshot manifests and receipts, notes of absent files, "
+        "the "
+        "lock.");
     ShowOptions& show = commands.show;
     command->add_option("file", show.file, "Any of the tool's files; \"-\" is standard input")
         ->type_name("FILE")
@@ -202,15 +206,34 @@ CommandOptions commandOf(const Commands& commands)
     return commands.history;
 }
 
-CommandLine usageError(const Commands& commands, const CLI::ParseError& error)
+/// The first word that nothing takes; empty when there is none.
+std::string strangeWord(const Commands& commands)
+{
+    const std::vector<std::string> words = commands.app.remaining(true);
+    return words.empty() ? "" : words.front();
+}
+
+/// What is wrong with the words. A word that is not understood comes before what it may have been meant for.
+std::string complaint(const Commands& commands, const CLI::ParseError& error)
+{
+    const std::string word = strangeWord(commands);
+    const bool isAboutWords = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr ||
+                              dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr;
+    if (word.empty() || !isAboutWords)
+        return error.what();
+    if (word.starts_with('-'))
+        return printable(word) + " is no option here";
+    return printable(word) +
+           (commands.app.get_subcommands().empty() ? " is no command" : " is a word too many");
+}
+
+CommandLine usageError(const Commands& commands, const CLI::ParseError& error, bool json)
 {
     const auto named = commands.app.get_subcommands();
     const std::string help =
         named.empty() ? "tpm-kit --help" : "tpm-kit " + named.front()->get_name() + " --help";
-    return {std::nullopt,
-            WrongUsage,
-            {},
-            std::string("tpm-kit: ") + error.what() + "\n    to do: " + help + "\n"};
+    const Failure failure(WrongUsage, complaint(commands, error), help);
+    return {std::nullopt, WrongUsage, json ? failureJson(failure) : "", failureText(failure)};
 }
 
 } // namespace
@@ -237,7 +260,8 @@ CommandLine readCommandLine(int argumentCount, const char* const* arguments)
     } catch (const CLI::CallForVersion& error) {
         return {std::nullopt, AllRight, std::string(error.what()) + "\n", {}};
     } catch (const CLI::ParseError& error) {
-        return usageError(commands, error);
+        const std::vector<std::string> words(arguments, arguments + argumentCount);
+        return usageError(commands, error, std::find(words.begin(), words.end(), "--json") != words.end());
     }
 }
 

@@ -88,6 +88,9 @@ Answer runPlan(const PlanOptions& options, bool json, const Terminal& terminal)
     if (toOutput && json)
         throw Failure(WrongUsage, "the plan and the JSON result cannot both go to standard output",
                       "name a file with --output, or leave --json out");
+    std::vector<std::string> inputs = options.payload.packages;
+    inputs.push_back(options.products);
+    requireOtherThan(inputs, options.output);
     FindingList findings;
     const std::string text = assembledText(options, terminal, findings);
     if (hasErrors(findings))

@@ -3,7 +3,6 @@
 #include "cli/process.h"
 #include "kit/cli/commands.h"
 #include "kit/report/failure.h"
-#include "kit/report/json.h"
 
 #include <csignal>
 #include <unistd.h>
@@ -43,12 +42,9 @@ int deliver(const Answer& answer)
     return OutputFailed;
 }
 
-Answer failed(bool json, int status, const std::string& message, const std::string& advice)
+Answer failed(bool json, const Failure& failure)
 {
-    Answer answer{status, {}, "tpm-kit: " + message + "\n    to do: " + advice + "\n"};
-    if (json)
-        answer.out = jsonText({{"status", status}, {"error", message}, {"advice", advice}});
-    return answer;
+    return {failure.status(), json ? failureJson(failure) : "", failureText(failure)};
 }
 
 Answer answerSafely(const Options& options)
@@ -56,10 +52,10 @@ Answer answerSafely(const Options& options)
     try {
         return answerTo(options);
     } catch (const Failure& failure) {
-        return failed(options.json, failure.status(), failure.what(), failure.advice());
+        return failed(options.json, failure);
     } catch (const std::exception& error) {
-        return failed(options.json, InternalError, error.what(),
-                      "this should not happen; report it with the command line");
+        return failed(options.json, Failure(InternalError, error.what(),
+                                            "this should not happen; report it with the command line"));
     }
 }
 

@@ -23,7 +23,7 @@ std::string words(const std::vector<std::string>& list)
 
 FileKind kindOf(const ShowOptions& options, std::string_view text)
 {
-    const auto kind = options.kind.empty() ? detectFileKind(text) : fileKindOf(options.kind);
+    const auto kind = options.kind.empty() ? detectFileKind(text, options.file) : fileKindOf(options.kind);
     if (!kind)
         throw Failure(Findings, printable(options.file) + " is none of the tool's files",
                       "if it is one and damaged, say which with --kind: " + words(fileKindWords()));

@@ -1,4 +1,5 @@
 #include "kit/cli/commands.h"
+#include "kit/cli/more_rights.h"
 #include "kit/machine/transaction_view.h"
 #include "kit/report/failure.h"
 #include "kit/report/printable.h"
@@ -74,7 +75,9 @@ struct Report {
     bool needsAttention() const
     {
         return std::any_of(scopes.begin(), scopes.end(),
-                           [](const auto& scope) { return !scope.findings.empty(); }) ||
+                           [](const ScopeReport& scope) {
+                               return !scope.findings.empty() || scope.view.hidesOpenWork();
+                           }) ||
                std::any_of(transactions.begin(), transactions.end(),
                            [](const auto& one) { return one.isOpen(); });
     }
@@ -83,6 +86,23 @@ struct Report {
         return std::all_of(scopes.begin(), scopes.end(), [](const ScopeReport& scope) {
             return scope.view.sightings.unreadable.empty() && scope.registrations.known;
         });
+    }
+    /// The scopes of which this account may not read everything.
+    std::vector<std::string> hiddenScopes() const
+    {
+        std::vector<std::string> hidden;
+        for (const ScopeReport& scope : scopes)
+            if (!scope.view.sightings.unreadable.empty())
+                hidden.push_back(scope.view.scope);
+        return hidden;
+    }
+    /// The command that would tell the rest; empty when nothing is missing for want of rights.
+    std::string advice() const
+    {
+        const std::vector<std::string> hidden = hiddenScopes();
+        if (hidden.empty())
+            return {};
+        return withMoreRights(hidden.size() > 1 ? "status" : "status " + hidden.front());
     }
     int status() const { return needsAttention() ? Findings : isComplete() ? AllRight : NotPermitted; }
 };
@@ -139,6 +159,8 @@ Json scopeJson(const ScopeReport& report)
         json["pending"] = {{"sku", view.pending->sku},
                            {"packageRevision", view.pending->packageRevision},
                            {"transaction", view.pending->transaction}};
+    else if (view.pendingFile)
+        json["pending"] = nullptr;
     if (view.running)
         json["runningProcess"] = *view.running;
     json["leftovers"] = pathsJson(view.leftovers);
@@ -173,6 +195,8 @@ Json transactionJson(const TransactionView& transaction)
 Json reportJson(const Report& report)
 {
     Json json{{"attention", report.needsAttention()}, {"complete", report.isComplete()}};
+    if (const std::string advice = report.advice(); !advice.empty())
+        json["advice"] = advice;
     json["scopes"] = Json::array();
     for (const ScopeReport& scope : report.scopes)
         json["scopes"].push_back(scopeJson(scope));
@@ -262,6 +286,8 @@ std::string reportText(const Report& report, const Paint& paint)
             text += transactionText(transaction, paint) + "\n";
     for (const ScopeReport& scope : report.scopes)
         text += findingsText(scope.findings, paint);
+    if (const std::string advice = report.advice(); !advice.empty())
+        text += "to do: " + advice + "\n";
     if (report.needsAttention())
         return text + paint.bad("something needs attention, see above") + "\n";
     return text +

@@ -1,4 +1,5 @@
 #include "kit/cli/commands.h"
+#include "kit/cli/more_rights.h"
 #include "kit/machine/audit.h"
 #include "kit/report/failure.h"
 #include "kit/report/input_file.h"
@@ -17,18 +18,18 @@ constexpr std::size_t largestReference = 1U << 20U;
 Reference namedReference(const std::string& file, const std::string& scope)
 {
     const std::string text = readInputFile(file, largestReference).content;
-    Reference reference;
+    ListedFiles files;
     try {
-        if (detectFileKind(text) == FileKind::Plan)
-            reference.files = listedFiles(parsePlanText(text));
-        else
-            reference.files = listedFiles(parseDescriptorText(text, scope, descriptorIdOf(file)));
+        files = detectFileKind(text) == FileKind::Plan
+                    ? listedFiles(parsePlanText(text))
+                    : listedFiles(parseDescriptorText(text, scope, descriptorIdOf(file)));
     } catch (const Invalid& error) {
         throw Failure(Findings, printable(file) + " cannot be compared with: " + error.what(),
                       "tpm-kit check " + shellQuoted(file) + " says what is wrong, line by line");
     }
-    for (const auto& [path, listed] : reference.files)
-        reference.packages.insert(listed.packageId);
+    Reference reference;
+    for (const auto& [path, listed] : files)
+        reference.add(path, listed);
     reference.origins.push_back(file);
     return reference;
 }
@@ -53,6 +54,15 @@ int statusOf(const Audit& audit, const Registrations& registrations)
     return audit.unreadable.empty() && audit.unvouched == 0 && registrations.known ? AllRight : NotPermitted;
 }
 
+/// The command that would tell the rest; empty when nothing is missing for want of rights.
+std::string adviceFor(const VerifyOptions& options, const Audit& audit)
+{
+    if (audit.unreadable.empty())
+        return {};
+    const std::string against = options.against.empty() ? "" : " --against " + shellQuoted(options.against);
+    return withMoreRights("verify " + options.scope + against);
+}
+
 Json auditJson(const VerifyOptions& options, const Audit& audit, const Reference& reference, int status)
 {
     Json json{{"scope", options.scope},
@@ -68,6 +78,8 @@ Json auditJson(const VerifyOptions& options, const Audit& audit, const Reference
     json["unreadable"] = Json::array();
     for (const std::string& path : audit.unreadable)
         json["unreadable"].push_back(printable(path, 4096));
+    if (const std::string advice = adviceFor(options, audit); !advice.empty())
+        json["advice"] = advice;
     return json;
 }
 
@@ -77,6 +89,8 @@ std::string auditText(const VerifyOptions& options, const Audit& audit, const Re
     std::string text = findingsText(audit.findings, paint);
     for (const std::string& path : audit.unreadable)
         text += paint.doubtful("may not be read by this account: ") + printable(path, 4096) + "\n";
+    if (const std::string advice = adviceFor(options, audit); !advice.empty())
+        text += "to do: " + advice + "\n";
     for (const auto& [packageId, version] : audit.reinstall)
         text += "to install again: " + packageId + " " + printable(version) + "\n";
     for (const std::string& origin : reference.origins)
@@ -87,7 +101,10 @@ std::string auditText(const VerifyOptions& options, const Audit& audit, const Re
     text += options.scope + " scope: " + counted(audit.files, "file") + " in " +
             counted(audit.packages, "package") + ": ";
     if (status == AllRight)
-        return text + paint.good("everything is as it was installed") + "\n";
+        return text +
+               paint.good(audit.packages == 0 ? "nothing is installed"
+                                              : "everything is as it was installed") +
+               "\n";
     return text +
            (status == Findings ? paint.bad("not as it was installed")
                                : paint.doubtful("nothing wrong, as far as could be compared")) +

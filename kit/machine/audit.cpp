@@ -29,10 +29,11 @@ struct Claim {
     std::string packageId;
     std::string version;
     bool registered = false;
-    /// What its content must be; empty when nothing says.
-    std::string sha256;
+    /// What its content may be; empty when nothing says.
+    std::set<std::string> sha256;
 };
 
+using Counts = std::map<std::string, std::size_t>;
 using Claims = std::map<std::string, Claim>;
 
 /// An audit while it goes on.
@@ -93,6 +94,14 @@ std::optional<std::string> hashInstalled(Auditing& auditing, const std::string& 
     }
 }
 
+std::string alternatives(const std::set<std::string>& words)
+{
+    std::string text;
+    for (const std::string& word : words)
+        text += (text.empty() ? "" : " or ") + word;
+    return text;
+}
+
 void auditContent(Auditing& auditing, const std::string& path, const Claim& claim, const struct stat& status)
 {
     ++auditing.audit.files;
@@ -101,9 +110,9 @@ void auditContent(Auditing& auditing, const std::string& path, const Claim& clai
         return;
     }
     const auto sha256 = hashInstalled(auditing, path, status);
-    if (sha256 && *sha256 != claim.sha256)
+    if (sha256 && !claim.sha256.contains(*sha256))
         note(auditing, path, claim,
-             "the file was changed: SHA-256 " + *sha256 + " instead of " + claim.sha256,
+             "the file was changed: SHA-256 " + *sha256 + " instead of " + alternatives(claim.sha256),
              "native package receipt inventory is not exact");
 }
 
@@ -214,6 +223,14 @@ std::vector<const Descriptor*> completedDescriptors(const std::map<std::string, 
     return descriptors;
 }
 
+std::set<std::string> registeredPaths(const Registrations& registrations)
+{
+    std::set<std::string> paths;
+    for (const auto& [packageId, package] : registrations.packages)
+        paths.insert(package.paths.begin(), package.paths.end());
+    return paths;
+}
+
 std::uint64_t sizeOf(const std::string& path)
 {
     std::error_code failure;
@@ -223,32 +240,39 @@ std::uint64_t sizeOf(const std::string& path)
 
 } // namespace
 
+void Reference::add(const std::string& path, const ListedFile& listed)
+{
+    packages.insert(listed.packageId);
+    files.emplace(path, ExpectedFile{listed.packageId, listed.version, {}})
+        .first->second.sha256.insert(listed.sha256);
+}
+
 Reference completedReference(const std::map<std::string, ScopeView>& views, const std::string& scope,
                              const Registrations& registrations)
 {
     Reference reference;
-    std::set<std::string> disputed;
+    Counts timesListed;
+    Counts descriptorsOf;
     for (const Descriptor* descriptor : completedDescriptors(views, scope)) {
-        bool used = false;
+        std::set<std::string> used;
         for (const auto& [path, listed] : listedFiles(*descriptor)) {
             const auto package = registrations.packages.find(listed.packageId);
             if (package == registrations.packages.end() || package->second.version != listed.version)
                 continue;
-            used = true;
-            reference.packages.insert(listed.packageId);
-            const auto [known, isNew] = reference.files.emplace(path, listed);
-            if (!isNew && known->second.sha256 != listed.sha256)
-                disputed.insert(path);
+            used.insert(listed.packageId);
+            reference.add(path, listed);
+            ++timesListed[path];
         }
-        if (used)
+        for (const std::string& packageId : used)
+            ++descriptorsOf[packageId];
+        if (!used.empty())
             reference.origins.push_back(descriptor->id);
     }
-    for (const std::string& path : disputed) {
-        reference.files.find(path)->second.sha256.clear();
-        reference.findings.push_back(
-            asWarning(about(path, "the descriptors of two completed transactions list different contents", {},
-                            "name the right one with --against")));
-    }
+    const std::set<std::string> registered = registeredPaths(registrations);
+    std::erase_if(reference.files, [&](const auto& file) {
+        const auto& [path, expected] = file;
+        return !registered.contains(path) && timesListed[path] < descriptorsOf[expected.packageId];
+    });
     return reference;
 }
 
@@ -257,8 +281,6 @@ Audit auditScope(const std::string& scope, const Registrations& registrations, c
 {
     Auditing auditing{scopeRoot(scope), {}, nullptr};
     auditing.audit.findings = registrations.findings;
-    for (const Finding& finding : reference.findings)
-        auditing.audit.findings.push_back(finding);
     Claims claims;
     claimRegistered(auditing, registrations, claims);
     claimListed(registrations, reference, claims, auditing);

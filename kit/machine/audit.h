@@ -9,20 +9,30 @@
 
 namespace maintenance::kit {
 
+/// What must be at a path.
+struct ExpectedFile {
+    std::string packageId;
+    std::string version;
+    /// Each content that it may have, as a digest: records do not tell which of several descriptors was
+    /// committed and which was rolled back.
+    std::set<std::string> sha256;
+};
+
 /// What an audit holds the installed files against.
 struct Reference {
-    /// Path to what must be there.
-    ListedFiles files;
+    /// By path, in byte order.
+    std::map<std::string, ExpectedFile> files;
     /// The packages that it speaks of.
     std::set<std::string> packages;
     /// Where it comes from, for people.
     std::vector<std::string> origins;
-    FindingList findings;
+
+    void add(const std::string& path, const ListedFile& listed);
 };
 
 /// Takes the reference from the descriptors of completed transactions in the scope's inbox: for each
-/// registered package the descriptor that lists it at the registered version. Where two of them disagree on a
-/// file, that is noted and the file is not compared.
+/// registered package the descriptors that list it at the registered version. A file that is not registered
+/// is expected where all of them list it.
 Reference completedReference(const std::map<std::string, ScopeView>& views, const std::string& scope,
                              const Registrations& registrations);
 

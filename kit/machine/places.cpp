@@ -45,7 +45,7 @@ void noteFailure(Sightings& sightings, const std::string& path, int error)
 std::string asOwner(uid_t owner) { return owner == ::geteuid() ? "" : "sudo "; }
 
 void examineOwner(Sightings& sightings, const std::string& path, const struct stat& status, uid_t owner,
-                  const char* wrongOwner, const char* wrongMode)
+                  const std::string& wrongOwner, const std::string& wrongMode)
 {
     if (status.st_uid != owner)
         note(sightings, path,
@@ -56,6 +56,8 @@ void examineOwner(Sightings& sightings, const std::string& path, const struct st
              "mode " + octalMode(status.st_mode & 07777U) + " lets the group or others write", wrongMode,
              asOwner(owner) + "chmod go-w " + shellQuoted(path));
 }
+
+bool isSingleRegular(const struct stat& status) { return S_ISREG(status.st_mode) && status.st_nlink == 1; }
 
 void examineDirectory(Sightings& sightings, const PlacedDirectory& directory)
 {
@@ -136,8 +138,8 @@ std::vector<std::string> namesAt(const PlacedDirectory& directory, Sightings& si
     return std::move(*names);
 }
 
-std::optional<PlacedFile> readPlace(const PlacedDirectory& directory, const std::string& name,
-                                    Sightings& sightings, std::size_t largest)
+std::optional<PlacedFile> examinePlace(const PlacedDirectory& directory, const std::string& name,
+                                       const UnsafeWords& words, Sightings& sightings)
 {
     PlacedFile file{joined(directory.path, name), {}, {}};
     if (!directory)
@@ -147,19 +149,27 @@ std::optional<PlacedFile> readPlace(const PlacedDirectory& directory, const std:
             noteFailure(sightings, file.path, errno);
         return std::nullopt;
     }
-    if (!S_ISREG(file.status.st_mode) || file.status.st_nlink != 1) {
-        note(sightings, file.path, "is a link or no regular file", "fixed metadata destination is unsafe",
-             "look at what it is and move it away");
+    if (!isSingleRegular(file.status))
+        note(sightings, file.path,
+             S_ISREG(file.status.st_mode) ? "has several names (hard links)" : "is a link or no regular file",
+             words.kind, "look at what it is and move it away");
+    else
+        examineOwner(sightings, file.path, file.status, directory.owner, words.owner, words.mode);
+    return file;
+}
+
+std::optional<PlacedFile> readPlace(const PlacedDirectory& directory, const std::string& name,
+                                    const UnsafeWords& words, Sightings& sightings, std::size_t largest)
+{
+    auto file = examinePlace(directory, name, words, sightings);
+    if (!file || !isSingleRegular(file->status))
         return file;
-    }
-    examineOwner(sightings, file.path, file.status, directory.owner, "ownership or mode is unsafe",
-                 "ownership or mode is unsafe");
     const OwnedFd opened(
         ::openat(directory.descriptor.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (opened)
-        readContent(file, opened.get(), sightings, largest);
+        readContent(*file, opened.get(), sightings, largest);
     else
-        noteFailure(sightings, file.path, errno);
+        noteFailure(sightings, file->path, errno);
     return file;
 }
 

@@ -28,6 +28,16 @@ struct PlacedFile {
     struct stat status;
 };
 
+/// The tool's own words for a file that is not as it must be; empty where it has none.
+struct UnsafeWords {
+    /// Of a link, or of anything else than a regular file with one name.
+    std::string kind;
+    /// Of another account's file.
+    std::string owner;
+    /// Of a file that its group or others may write.
+    std::string mode;
+};
+
 /// An open directory at a fixed place.
 struct PlacedDirectory {
     std::string path;
@@ -48,11 +58,16 @@ PlacedDirectory openPlace(const PlacedDirectory& parent, const std::string& name
 /// The names in a directory, sorted; none, with a note, when it cannot be listed.
 std::vector<std::string> namesAt(const PlacedDirectory& directory, Sightings& sightings);
 
-/// Reads the file `name` in `directory` without following a link, and notes what is unsafe about it. Nothing
-/// when nothing stands there.
+/// Examines the file `name` in `directory` without following a link or reading it, and notes what is unsafe
+/// about it. Nothing when nothing stands there.
+std::optional<PlacedFile> examinePlace(const PlacedDirectory& directory, const std::string& name,
+                                       const UnsafeWords& words, Sightings& sightings);
+
+/// The same, and reads it where it is a regular file with one name.
 ///
 /// largest  the most bytes that are read
 std::optional<PlacedFile> readPlace(const PlacedDirectory& directory, const std::string& name,
-                                    Sightings& sightings, std::size_t largest = 1048576);
+                                    const UnsafeWords& words, Sightings& sightings,
+                                    std::size_t largest = 1048576);
 
 } // namespace maintenance::kit

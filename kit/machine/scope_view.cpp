@@ -4,6 +4,7 @@
 #include "fs/scope.h"
 #include "inventory/installed_products.h"
 #include "kit/report/printable.h"
+#include "kit/text/plan_text.h"
 #include "validate/identifiers.h"
 #include "validate/invalid.h"
 #include "validate/owned_path.h"
@@ -22,8 +23,30 @@ constexpr std::array<const char*, 8> knownEntries = {
     "Inbox",     "Transactions",   "Products",          "NativeReceipts",
     "Completed", "PendingInstall", "ActiveTransaction", "maintenance.lock"};
 
+/// Where the tool has one message for all that can be unsafe.
+UnsafeWords always(const std::string& message) { return {message, message, message}; }
+
+/// What it says of its state files.
+UnsafeWords stateWords(const std::string& subject)
+{
+    const std::string owned = subject + " ownership or mode is unsafe";
+    return {subject + " is missing or unsafe", owned, owned};
+}
+
+/// What it says of files that it only replaces, whatever their mode.
+UnsafeWords writtenWords()
+{
+    constexpr const char* unsafe = "fixed metadata destination is unsafe";
+    return {unsafe, unsafe, {}};
+}
+
+UnsafeWords preparedWords() { return stateWords("prepared transaction state"); }
+
 /// Reads a file's text with one of the tool's parsers and notes a refusal.
-template <typename Parse> auto parsed(ScopeView& view, const PlacedFile& file, const Parse& parse)
+///
+/// command  the kit's command that says more of such a file
+template <typename Parse>
+auto parsed(ScopeView& view, const PlacedFile& file, const Parse& parse, const char* command = "show")
 {
     std::optional<decltype(parse(*file.text))> result;
     if (!file.text)
@@ -31,14 +54,25 @@ template <typename Parse> auto parsed(ScopeView& view, const PlacedFile& file, c
     try {
         result = parse(*file.text);
     } catch (const Invalid& error) {
-        view.sightings.findings.push_back({Finding::Severity::Error,
-                                           file.path,
-                                           0,
-                                           {},
-                                           "the content is not valid",
-                                           error.what(),
-                                           "tpm-kit show " + shellQuoted(file.path) + " says more"});
+        view.sightings.findings.push_back(
+            {Finding::Severity::Error,
+             file.path,
+             0,
+             {},
+             "the content is not valid",
+             error.what(),
+             std::string("tpm-kit ") + command + " " + shellQuoted(file.path) + " says more"});
     }
+    return result;
+}
+
+/// The same for files that the tool writes and never reads, of which it has no message.
+template <typename Parse> auto parsedForOthers(ScopeView& view, const PlacedFile& file, const Parse& parse)
+{
+    const std::size_t before = view.sightings.findings.size();
+    auto result = parsed(view, file, parse);
+    for (std::size_t i = before; i < view.sightings.findings.size(); ++i)
+        view.sightings.findings[i].message.clear();
     return result;
 }
 
@@ -48,9 +82,10 @@ StateFile stateFile(ScopeView& view, PlacedFile file)
     return {std::move(file), std::move(state)};
 }
 
-std::optional<StateFile> readState(ScopeView& view, const PlacedDirectory& directory, const std::string& name)
+std::optional<StateFile> readState(ScopeView& view, const PlacedDirectory& directory, const std::string& name,
+                                   const UnsafeWords& words)
 {
-    auto file = readPlace(directory, name, view.sightings);
+    auto file = readPlace(directory, name, words, view.sightings);
     if (!file)
         return std::nullopt;
     return stateFile(view, std::move(*file));
@@ -65,6 +100,7 @@ bool isTemporary(const std::string& entry)
 
 /// Goes through a directory of files called NAME + `suffix`; everything else in it is a leftover.
 void forEachNamed(ScopeView& view, const PlacedDirectory& directory, const std::string& suffix,
+                  const UnsafeWords& words,
                   const std::function<void(const std::string& name, PlacedFile file)>& take)
 {
     for (const std::string& entry : namesAt(directory, view.sightings)) {
@@ -73,7 +109,7 @@ void forEachNamed(ScopeView& view, const PlacedDirectory& directory, const std::
             view.leftovers.push_back(directory.path + "/" + entry);
             continue;
         }
-        if (auto file = readPlace(directory, entry, view.sightings))
+        if (auto file = readPlace(directory, entry, words, view.sightings))
             take(name, std::move(*file));
     }
 }
@@ -81,9 +117,12 @@ void forEachNamed(ScopeView& view, const PlacedDirectory& directory, const std::
 void readInbox(ScopeView& view, const PlacedDirectory& maintenance)
 {
     const PlacedDirectory inbox = openPlace(maintenance, "Inbox", view.sightings);
-    forEachNamed(view, inbox, ".tpmt", [&](const std::string& id, PlacedFile file) {
+    constexpr const char* owned = "maintenance descriptor permissions are unsafe";
+    const UnsafeWords words{"maintenance descriptor is missing or unsafe", owned, owned};
+    forEachNamed(view, inbox, ".tpmt", words, [&](const std::string& id, PlacedFile file) {
         auto descriptor = parsed(
-            view, file, [&](const std::string& text) { return parseDescriptorText(text, view.scope, id); });
+            view, file, [&](const std::string& text) { return parseDescriptorText(text, view.scope, id); },
+            "check");
         view.inbox.emplace(id, DescriptorFile{std::move(file), std::move(descriptor)});
     });
 }
@@ -97,15 +136,16 @@ void readTransactions(ScopeView& view, const PlacedDirectory& maintenance)
             continue;
         }
         const PlacedDirectory directory = openPlace(transactions, id, view.sightings);
-        view.transactions.emplace(id, TransactionDirectory{directory.path, static_cast<bool>(directory),
-                                                           readState(view, directory, "prepared")});
+        view.transactions.emplace(
+            id, TransactionDirectory{directory.path, static_cast<bool>(directory),
+                                     readState(view, directory, "prepared", preparedWords())});
     }
 }
 
 void readCompleted(ScopeView& view, const PlacedDirectory& maintenance)
 {
     const PlacedDirectory completed = openPlace(maintenance, "Completed", view.sightings);
-    forEachNamed(view, completed, ".record", [&](const std::string& id, PlacedFile file) {
+    forEachNamed(view, completed, ".record", preparedWords(), [&](const std::string& id, PlacedFile file) {
         view.completed.emplace(id, stateFile(view, std::move(file)));
     });
 }
@@ -113,18 +153,18 @@ void readCompleted(ScopeView& view, const PlacedDirectory& maintenance)
 void readRecords(ScopeView& view, const PlacedDirectory& maintenance)
 {
     const PlacedDirectory products = openPlace(maintenance, "Products", view.sightings);
-    forEachNamed(view, products, ".record", [&](const std::string& product, PlacedFile file) {
-        if (const auto record = parsed(view, file, parseProductRecord))
+    forEachNamed(view, products, ".record", writtenWords(), [&](const std::string& product, PlacedFile file) {
+        if (const auto record = parsedForOthers(view, file, parseProductRecord))
             view.records.emplace(product, record->version);
     });
 }
 
 void readIndex(ScopeView& view, const PlacedDirectory& support)
 {
-    const auto file = readPlace(support, std::string(indexName), view.sightings);
+    const auto file = readPlace(support, std::string(indexName), writtenWords(), view.sightings);
     if (!file)
         return;
-    const auto indexed = parsed(view, *file, parseIndex);
+    const auto indexed = parsedForOthers(view, *file, parseIndex);
     if (!indexed)
         return;
     view.index.emplace();
@@ -134,7 +174,8 @@ void readIndex(ScopeView& view, const PlacedDirectory& support)
 
 void readPendingAttempt(ScopeView& view, const PlacedDirectory& maintenance)
 {
-    view.pendingFile = readPlace(maintenance, "PendingInstall", view.sightings);
+    view.pendingFile = readPlace(maintenance, "PendingInstall",
+                                 always("pending installation attempt is missing or unsafe"), view.sightings);
     if (view.pendingFile)
         view.pending = parsed(view, *view.pendingFile, parsePending);
 }
@@ -142,7 +183,7 @@ void readPendingAttempt(ScopeView& view, const PlacedDirectory& maintenance)
 /// Asks who holds the lock, which takes nobody's lock away: this process holds none.
 void readLock(ScopeView& view, const PlacedDirectory& maintenance)
 {
-    if (!readPlace(maintenance, "maintenance.lock", view.sightings))
+    if (!readPlace(maintenance, "maintenance.lock", always("maintenance lock is unsafe"), view.sightings))
         return;
     const OwnedFd file(::openat(maintenance.descriptor.get(), "maintenance.lock",
                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -153,24 +194,38 @@ void readLock(ScopeView& view, const PlacedDirectory& maintenance)
         view.running = question.l_pid;
 }
 
-/// A rollback puts the tool back without the right to be run.
-void readTool(ScopeView& view, const PlacedDirectory& support)
+std::string nameInSupport(std::string_view path)
 {
-    const std::string name(maintenanceExecutable.substr(supportDirectory.size() + 1));
-    struct stat status = {};
-    view.hasTool =
-        support && ::fstatat(support.descriptor.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-    if (!view.hasTool || (status.st_mode & S_IXUSR) != 0)
+    return std::string(path.substr(supportDirectory.size() + 1));
+}
+
+/// A rollback puts the tool back without the right to be run.
+void noteRightToRun(ScopeView& view, const PlacedFile& tool)
+{
+    const mode_t mode = tool.status.st_mode;
+    if (!S_ISREG(mode) || (mode & S_IXUSR) != 0)
         return;
-    const std::string path = support.path + "/" + name;
     view.sightings.findings.push_back(
         {Finding::Severity::Warning,
-         path,
+         tool.path,
          0,
          {},
-         "the tool cannot be run: mode " + octalMode(status.st_mode & 07777U) + ", as after a rollback",
+         "the tool cannot be run: mode " + octalMode(mode & 07777U) + ", as after a rollback",
          {},
-         "install com.tamarindpelican.pkg.common again, or chmod 755 " + shellQuoted(path)});
+         "install com.tamarindpelican.pkg.common again, or chmod 755 " + shellQuoted(tool.path)});
+}
+
+/// What the shared package and the installer place beside the metadata. Whoever may write one of the programs
+/// runs with the rights of whoever starts it.
+void readPrograms(ScopeView& view, const PlacedDirectory& support)
+{
+    const auto tool = examinePlace(support, nameInSupport(maintenanceExecutable), {}, view.sightings);
+    view.hasTool = tool.has_value();
+    if (tool)
+        noteRightToRun(view, *tool);
+    (void)examinePlace(support, nameInSupport(updaterExecutable), {}, view.sightings);
+    (void)examinePlace(support, planName, always("embedded transaction plan is missing or unsafe"),
+                       view.sightings);
 }
 
 void collectLeftovers(ScopeView& view, const PlacedDirectory& support, const PlacedDirectory& maintenance)
@@ -198,9 +253,9 @@ ScopeView readScope(const std::string& scope)
     for (const char* name : {"Library", "Application Support", "Tamarind Pelican"})
         support = openPlace(support, name, view.sightings);
     const PlacedDirectory maintenance = openPlace(support, "Maintenance", view.sightings);
-    readTool(view, support);
+    readPrograms(view, support);
     readLock(view, maintenance);
-    view.lease = readState(view, maintenance, "ActiveTransaction");
+    view.lease = readState(view, maintenance, "ActiveTransaction", stateWords("durable transaction lease"));
     readPendingAttempt(view, maintenance);
     readInbox(view, maintenance);
     readTransactions(view, maintenance);

@@ -60,6 +60,9 @@ struct ScopeView {
     std::vector<std::string> leftovers;
     /// The tool's executable is in its place.
     bool hasTool = false;
+
+    /// A lease or an attempt is there that says nothing, so that something is open, whatever it is.
+    bool hidesOpenWork() const { return (lease && !lease->state) || (pendingFile && !pending); }
 };
 
 /// Reads the fixed places of a scope. Changes nothing; what cannot be read is noted.

@@ -277,6 +277,7 @@ TransactionView viewOf(const MachineView& machine, const ScopeView& view, const 
     transaction.authority = view.scope;
     // An attempt has no source, so that its scope keeps the books.
     transaction.pending = view.pending && view.pending->transaction == id;
+    transaction.hasTraces = evidence.directory != nullptr || leaseStateOf(machine, id) != nullptr;
     takeScopes(transaction, evidence);
     const Descriptor* descriptor = evidence.descriptor != nullptr && evidence.descriptor->descriptor
                                        ? &*evidence.descriptor->descriptor
@@ -342,9 +343,10 @@ bool TransactionView::isOpen() const
     switch (state) {
     case TransactionState::Absent:
         return pending;
+    case TransactionState::Unreadable:
+        return pending || hasTraces;
     case TransactionState::InProgress:
     case TransactionState::Completed:
-    case TransactionState::Unreadable:
         return false;
     default:
         return true;

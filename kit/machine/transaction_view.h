@@ -71,6 +71,8 @@ struct TransactionView {
     std::vector<std::string> products;
     /// It belongs to the pending attempt of its target scope.
     bool pending = false;
+    /// A lease or a directory of it is there, which no transaction leaves that has ended.
+    bool hasTraces = false;
     /// What somebody should know about it.
     std::vector<std::string> notes;
     std::vector<WayOut> waysOut;

@@ -84,8 +84,8 @@ Packages packagesSince(const MachineView& machine, const Descriptor* descriptor)
 bool startsFromAnother(const MachineView& machine, const Descriptor& descriptor)
 {
     FindingList ignored;
-    const auto installed = registeredProducts(machine.registrations.at(descriptor.targetScope),
-                                              descriptor.targetScope, ignored);
+    const auto installed =
+        registeredProducts(machine.registrations.at(descriptor.targetScope), descriptor.targetScope, ignored);
     return std::any_of(descriptor.products.begin(), descriptor.products.end(), [&](const Product& product) {
         const auto found = installed.find(product.id);
         return product.sourceVersion != "-" && found != installed.end() &&
@@ -255,7 +255,11 @@ void addWaysOut(const MachineView& machine, TransactionView& transaction, const 
         addEndings(finder, machine, transaction, descriptor, {});
         return;
     case TransactionState::Abandoned:
-        finder.note("a commit failed, put everything back and blocks nothing; its copies are still there");
+        finder.note(transaction.pending
+                        ? "a commit failed and put everything back; its attempt keeps every other installer "
+                          "out until it is finished or undone"
+                        : "a commit failed, put everything back and blocks nothing; its copies are still "
+                          "there");
         finder.add("finish", installBetween, {"prepare-move", "commit-move"});
         finder.add("undo", whileUnchanged, {"prepare-move", "rollback-move"});
         return;

@@ -75,6 +75,13 @@ std::string readRevision(ListReader& reader, const Json& list)
     return revision;
 }
 
+bool hasBundleSuffix(std::string_view name)
+{
+    return name.ends_with(".vst3") || name.ends_with(".component");
+}
+
+std::string withoutSuffix(const std::string& name) { return name.substr(0, name.rfind('.')); }
+
 std::vector<std::string> readBundles(ListReader& reader, const Json& product, const std::string& where)
 {
     std::vector<std::string> bundles;
@@ -85,7 +92,10 @@ std::vector<std::string> readBundles(ListReader& reader, const Json& product, co
         reader.note("bundles", where + " needs a list of bundle names here, or nothing");
     else
         for (const Json& name : *found)
-            if (name.is_string() && isProductName(name.get<std::string>()))
+            if (name.is_string() && hasBundleSuffix(name.get<std::string>()))
+                reader.note(name.get<std::string>(), "a bundle stands here without its suffix",
+                            "write " + Json(withoutSuffix(name.get<std::string>())).dump());
+            else if (name.is_string() && isProductName(name.get<std::string>()))
                 bundles.push_back(name.get<std::string>());
             else
                 reader.note(name.is_string() ? name.get<std::string>() : name.dump(),
@@ -155,7 +165,8 @@ ProductList readProductList(std::string_view text, const std::string& place, Fin
         return result;
     }
     reader.requireMembers(list, "the list", {"schema", "sku", "packageRevision", "products"});
-    if (reader.text(list, "schema", "the list") != schema)
+    if (const std::string named = reader.text(list, "schema", "the list");
+        list.contains("schema") && list["schema"].is_string() && named != schema)
         reader.note("schema", std::string("the schema is \"") + schema + "\"");
     result.sku = reader.text(list, "sku", "the list", safeId, idRule);
     result.packageRevision = readRevision(reader, list);

@@ -43,4 +43,10 @@ private:
     std::string advice_;
 };
 
+/// A failure for people: what failed, and what to do next.
+std::string failureText(const Failure& failure);
+
+/// The same as a JSON object.
+std::string failureJson(const Failure& failure);
+
 } // namespace maintenance::kit

@@ -1,5 +1,6 @@
 #include "kit/report/output_file.h"
 
+#include "fs/fixed_file.h"
 #include "fs/owned_fd.h"
 #include "kit/report/failure.h"
 #include "kit/report/printable.h"
@@ -102,6 +103,19 @@ void writeOutputFile(const std::string& path, std::string_view content)
     if (!file.isOpen() || !file.fill(content) || !file.renameTo(path))
         fail(path, lastError());
     synchronizeDirectory(path);
+}
+
+void requireOtherThan(const std::vector<std::string>& inputs, const std::string& output)
+{
+    struct stat there = {};
+    if (output == "-" || ::stat(output.c_str(), &there) != 0)
+        return;
+    for (const std::string& input : inputs) {
+        struct stat status = {};
+        if (input != "-" && ::stat(input.c_str(), &status) == 0 && sameFile(status, there))
+            throw Failure(WrongUsage, printable(output) + " is an input and would be overwritten",
+                          "name another file with --output");
+    }
 }
 
 } // namespace maintenance::kit

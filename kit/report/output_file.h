@@ -2,6 +2,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace maintenance::kit {
 
@@ -12,5 +13,8 @@ namespace maintenance::kit {
 /// path    where the file is to stand; something else than a regular file there is left alone
 /// throws  Failure (NotCreated)
 void writeOutputFile(const std::string& path, std::string_view content);
+
+/// Refuses an output that is one of the inputs, under whichever name.
+void requireOtherThan(const std::vector<std::string>& inputs, const std::string& output);
 
 } // namespace maintenance::kit

@@ -174,6 +174,8 @@ ToolFile showManifest(std::string_view text, const Paint& paint)
         people += paint.strong(fields[1]) + " " + fields[2] + ", saved as receipts/" + fields[3] + "\n" +
                   std::exchange(fileLines, {});
     }
+    if (text.empty())
+        people = "manifest of no package: none of them was registered\n";
     if (!files.empty())
         json["filesWithoutReceipt"] = std::move(files);
     return {FileKind::Manifest, std::move(json), people + fileLines};
@@ -201,6 +203,23 @@ ToolFile showReceipt(std::string_view text, const Paint& paint)
         people += "  " + path + "\n";
     }
     return {FileKind::Receipt, std::move(json), people};
+}
+
+ToolFile showLock()
+{
+    return {FileKind::Lock,
+            {{"kind", "lock"}},
+            "maintenance lock: it has no content, and the run that works in its scope holds it\n"};
+}
+
+ToolFile showAbsence(std::string_view text)
+{
+    if (text != absenceText)
+        throw Invalid("it reads otherwise than \"absent\"");
+    return {FileKind::Absence,
+            {{"kind", "absence"}},
+            "note that a file was not there when its transaction was prepared; its name is the file's number "
+            "in the descriptor, from 0\n"};
 }
 
 } // namespace maintenance::kit

@@ -6,6 +6,9 @@
 
 namespace maintenance::kit {
 
+/// What prepare-move notes in place of the copy of a file that is not there.
+inline constexpr std::string_view absenceText = "absent\n";
+
 // The files that say what has happened. Each throws Invalid with the tool's message for content that the tool
 // refuses.
 
@@ -19,6 +22,8 @@ ToolFile showIndex(std::string_view text, const Paint& paint);
 ToolFile showManifest(std::string_view text, const Paint& paint);
 /// The identity of a receipt in such a snapshot.
 ToolFile showReceipt(std::string_view text, const Paint& paint);
+ToolFile showLock();
+ToolFile showAbsence(std::string_view text);
 
 /// An installed product of the index.
 struct IndexedProduct {

@@ -34,6 +34,16 @@ std::optional<FileKind> kindOfSchema(std::string_view schema)
     return std::nullopt;
 }
 
+/// The lock is always empty, a manifest where none of the packages was registered.
+std::optional<FileKind> kindOfEmpty(std::string_view name)
+{
+    if (name == "maintenance.lock")
+        return FileKind::Lock;
+    if (name == "manifest")
+        return FileKind::Manifest;
+    return std::nullopt;
+}
+
 bool isManifestLine(std::string_view line)
 {
     const auto tabs = std::count(line.begin(), line.end(), '\t');
@@ -45,7 +55,8 @@ bool isManifestLine(std::string_view line)
 const std::vector<std::string>& fileKindWords()
 {
     static const std::vector<std::string> words = {"plan",           "descriptor", "attempt",  "transaction",
-                                                   "product-record", "index",      "manifest", "receipt"};
+                                                   "product-record", "index",      "manifest", "receipt",
+                                                   "lock",           "absence"};
     return words;
 }
 
@@ -60,8 +71,12 @@ std::optional<FileKind> fileKindOf(std::string_view word)
     return static_cast<FileKind>(found - words.begin());
 }
 
-std::optional<FileKind> detectFileKind(std::string_view text)
+std::optional<FileKind> detectFileKind(std::string_view text, std::string_view file)
 {
+    if (text.empty())
+        return kindOfEmpty(file.substr(file.rfind('/') + 1));
+    if (text == absenceText)
+        return FileKind::Absence;
     if (const auto kind = kindOfSchema(schemaOf(text)))
         return kind;
     if (text.starts_with('{'))
@@ -93,6 +108,10 @@ ToolFile readToolFile(FileKind kind, std::string_view text, const std::string& i
         return showIndex(text, paint);
     case FileKind::Manifest:
         return showManifest(text, paint);
+    case FileKind::Lock:
+        return showLock();
+    case FileKind::Absence:
+        return showAbsence(text);
     case FileKind::Receipt:
         break;
     }

@@ -11,7 +11,18 @@
 namespace maintenance::kit {
 
 /// The kinds of files that the tool reads and writes.
-enum class FileKind { Plan, Descriptor, Attempt, Transaction, ProductRecord, Index, Manifest, Receipt };
+enum class FileKind {
+    Plan,
+    Descriptor,
+    Attempt,
+    Transaction,
+    ProductRecord,
+    Index,
+    Manifest,
+    Receipt,
+    Lock,
+    Absence
+};
 
 /// The words that name the kinds on the command line and in JSON, in the order of the kinds.
 const std::vector<std::string>& fileKindWords();
@@ -19,7 +30,9 @@ std::string wordOf(FileKind kind);
 std::optional<FileKind> fileKindOf(std::string_view word);
 
 /// Tells from a file's content what it is; nothing when it is none of the tool's files.
-std::optional<FileKind> detectFileKind(std::string_view text);
+///
+/// file  its path, which tells the kinds of empty files apart
+std::optional<FileKind> detectFileKind(std::string_view text, std::string_view file = {});
 
 /// A file of the tool that has been read.
 struct ToolFile {

@@ -249,6 +249,37 @@ TEST(KitProgram, EndsWithTheRightStatusAndSaysWhatToDo)
     EXPECT_TRUE(kit({"--version"}).out.starts_with("tpm-kit 1."));
 }
 
+TEST(KitProgram, NamesTheWrongWordFirst)
+{
+    EXPECT_EQ(kit({"statu"}).err, "tpm-kit: statu is no command\n    to do: tpm-kit --help\n");
+    EXPECT_EQ(kit({"statu", "system"}).err, "tpm-kit: statu is no command\n    to do: tpm-kit --help\n");
+    EXPECT_EQ(kit({"--bogus"}).err, "tpm-kit: --bogus is no option here\n    to do: tpm-kit --help\n");
+    EXPECT_EQ(kit({"plan", "--bogus"}).err,
+              "tpm-kit: --bogus is no option here\n    to do: tpm-kit plan --help\n");
+    EXPECT_EQ(kit({"history", "user", "system"}).err,
+              "tpm-kit: system is a word too many\n    to do: tpm-kit history --help\n");
+    EXPECT_TRUE(holds(kit({"plan"}).err, "--products is required")) << kit({"plan"});
+}
+
+TEST(KitProgram, TellsAUsageFailureAsJsonWhereThatIsAskedFor)
+{
+    for (const Arguments& words : {Arguments{"statu", "--json"},
+                                   {"--json", "status"},
+                                   {"history", "--json"},
+                                   {"plan", "--json", "-x"},
+                                   {"statu\xff", "--json"},
+                                   {"history", "\xff", "--json"}}) {
+        const Outcome outcome = kit(words);
+        EXPECT_EQ(outcome.status, 64) << outcome;
+        const auto json = nlohmann::json::parse(outcome.out);
+        EXPECT_EQ(json.at("status"), 64);
+        if (words[1] == "\xff")
+            continue;
+        EXPECT_EQ(outcome.err, "tpm-kit: " + json.at("error").get<std::string>() +
+                                   "\n    to do: " + json.at("advice").get<std::string>() + "\n");
+    }
+}
+
 TEST(KitProgram, SaysWhenItsOutputIsNotTaken)
 {
     writeFile(planFile, planText({plugin("alpha", "1.0")}));

@@ -357,5 +357,53 @@ TEST(KitPlan, SaysWhichInputIsMissing)
     EXPECT_TRUE(holds(tree.err, inWorkshop("none"))) << tree;
 }
 
+/// A product list whose only product has this bundle.
+std::string listWithBundle(const std::string& schema, const std::string& bundle)
+{
+    writeFile(inWorkshop("list"), "{" + schema +
+                                      R"("sku": "s", "packageRevision": 7, "products": [{"id": "alpha", )"
+                                      R"("version": "1.0", "bundles": [")" +
+                                      bundle + R"("]}]})");
+    return inWorkshop("list");
+}
+
+TEST(KitPlan, RefusesABundleWithItsSuffixInOneFinding)
+{
+    const std::string schema = R"("schema": "tamarind.pelican.product-list.v1", )";
+    for (const std::string suffix : {".vst3", ".component"}) {
+        const auto answer =
+            planJson(listWithBundle(schema, "TP alpha" + suffix), stage(plugin("alpha", "1.0")));
+        EXPECT_EQ(rulesOf(answer), std::vector<std::string>{"a bundle stands here without its suffix"});
+        EXPECT_EQ(answer.at("findings")[0].at("advice"), "write \"TP alpha\"");
+    }
+}
+
+TEST(KitPlan, ReportsAMissingSchemaOnce)
+{
+    EXPECT_EQ(rulesOf(planJson(listWithBundle("", "TP alpha"), stage(plugin("alpha", "1.0")))),
+              std::vector<std::string>{"the list needs this member, a text"});
+}
+
+TEST(KitPlan, DoesNotOverwriteItsOwnInput)
+{
+    const Plugin alpha = plugin("alpha", "1.0");
+    const std::string list = writeList({alpha});
+    const std::string before = readFile(list);
+    const std::string tree = stage(alpha);
+    makeHardLink(inWorkshop("twin"), list);
+    for (const std::string& output : {list, workshop + "/./products.json", inWorkshop("twin")}) {
+        const Outcome outcome = kit({"plan", "-l", list, "-r", tree, "-o", output});
+        EXPECT_EQ(outcome.status, 64) << outcome;
+        EXPECT_TRUE(holds(outcome.err, "is an input and would be overwritten")) << outcome;
+    }
+    EXPECT_EQ(readFile(list), before);
+    ASSERT_EQ(plan(list, tree).status, 0);
+    const std::string text = readFile(planFile);
+    EXPECT_EQ(
+        kit({"descriptor", "move", "-s", "system", "--id", "a", "--plan", planFile, "-o", planFile}).status,
+        64);
+    EXPECT_EQ(readFile(planFile), text);
+}
+
 } // namespace
 } // namespace maintenance::rehearsed

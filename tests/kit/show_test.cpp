@@ -95,16 +95,29 @@ TEST(KitShow, EveryFileThatTheToolWrites)
     for (const std::string scope : {"user", "system"})
         for (const auto& entry : std::filesystem::recursive_directory_iterator(maintenanceOf(scope))) {
             const std::string path = entry.path().native();
-            if (!entry.is_regular_file() || entry.file_size() == 0 || holds(path, "/files/") ||
-                holds(path, "/target-absent/"))
+            if (!entry.is_regular_file() || holds(path, "/files/"))
                 continue;
             const Outcome outcome = kit({"show", "--json", path});
             EXPECT_EQ(outcome.status, 0) << path << outcome;
             if (outcome.status == 0)
                 ++kinds[nlohmann::json::parse(outcome.out).at("kind")];
         }
-    EXPECT_EQ(kinds, (std::map<std::string, int>{
-                         {"descriptor", 1}, {"manifest", 1}, {"receipt", 3}, {"transaction", 3}}));
+    EXPECT_EQ(kinds, (std::map<std::string, int>{{"absence", 6},
+                                                 {"descriptor", 1},
+                                                 {"lock", 2},
+                                                 {"manifest", 2},
+                                                 {"receipt", 3},
+                                                 {"transaction", 3}}));
+}
+
+TEST(KitShow, FilesWithoutAContentByTheirNames)
+{
+    EXPECT_EQ(showJson("", inWorkshop("maintenance.lock")).dump(), R"({"kind":"lock"})");
+    EXPECT_EQ(showJson("", inWorkshop("manifest")).dump(), R"({"kind":"manifest","receipts":[]})");
+    EXPECT_TRUE(holds(kit({"show", inWorkshop("manifest")}).out, "manifest of no package"));
+    EXPECT_EQ(showJson("absent\n", inWorkshop("0")).dump(), R"({"kind":"absence"})");
+    EXPECT_EQ(show("").status, 65);
+    EXPECT_EQ(kit({"show", "-k", "absence", inWorkshop("manifest")}).status, 65);
 }
 
 TEST(KitShow, RefusesWhatTheToolRefusesAndSaysItsMessage)

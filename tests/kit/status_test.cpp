@@ -506,11 +506,11 @@ TEST(KitStatus, OfAnUpgradeInstalledWithoutPreparationNamesTheFileThatKeepsOther
     install("system", alpha);
     const Json transaction = transactionIn(kitJson({"status"}), id);
     EXPECT_EQ(transaction.at("waysOut").size(), 0U);
-    EXPECT_EQ(transaction.at("notes"),
-              Json::array({"an installation was begun, and its packages were installed without prepare-move; "
-                           "no command acts on it any more. Remove '" +
-                           pendingOf("system").native() +
-                           "', which keeps nothing, then run the installer again"}));
+    EXPECT_EQ(
+        transaction.at("notes"),
+        Json::array({"an installation was begun, and its packages were installed without prepare-move; "
+                     "no command acts on it any more. Remove '" +
+                     pendingOf("system").native() + "', which keeps nothing, then run the installer again"}));
     EXPECT_EQ(run({"prepare-move", "system", id}).err, "installed version changed before maintenance\n");
     removeAll(pendingOf("system"));
     EXPECT_NE(begin(), id);
@@ -626,6 +626,81 @@ TEST(KitStatus, FindsUnsafeOwnersModesAndLinksAndTellsTheCommandThatMendsThem)
     EXPECT_EQ(scopeIn(kitJson({"status"}), "system").at("findings").size(), 0U);
 }
 
+TEST(KitStatus, FindsProgramsAndAPlanThatOthersMayWriteOrThatAreNotTheScopesOwn)
+{
+    placeTool("system", planText({alpha}));
+    const std::string updater = (supportOf("system") / "TamarindPelicanUpdater").native();
+    const std::string plan = (supportOf("system") / "transaction-plan.tpmp").native();
+    const std::string tool = (rootOf("system") / toolPath).native();
+    writeFile(updater, "updater", {rootUid, 0755});
+    EXPECT_EQ(kit({"status", "system"}).status, 0) << kit({"status", "system"});
+    for (const std::string& path : {tool, updater, plan}) {
+        setMode(path, 0775);
+        setOwner(path, playerUid);
+    }
+    const Json view = scopeIn(kitJson({"status", "system"}), "system");
+    EXPECT_EQ(view.at("findings").size(), 6U) << view.dump(1);
+    for (const auto& finding : view.at("findings")) {
+        EXPECT_EQ(finding.value("toolMessage", ""),
+                  finding.at("place") == plan ? "embedded transaction plan is missing or unsafe" : "");
+        placeSudo();
+        EXPECT_EQ(inShell(finding.at("advice")), succeeded());
+    }
+    EXPECT_EQ(kit({"status", "system"}).status, 0) << kit({"status", "system"});
+    for (const std::string& path : {tool, updater, plan}) {
+        removeAll(path);
+        makeLink(path, "/etc/passwd");
+    }
+    EXPECT_EQ(scopeIn(kitJson({"status", "system"}), "system").at("findings").size(), 3U);
+    removeAll(plan);
+    writeFile(plan, planText({alpha}));
+    makeHardLink(supportOf("system") / "twin", plan);
+    EXPECT_TRUE(holds(kit({"status", "system"}).out, plan + ": error: has several names (hard links)"));
+}
+
+TEST(KitStatus, QuotesTheMessageThatTheToolHasForEachUnsafeFile)
+{
+    prepareMove();
+    publish(Work("system").brings(alpha), "a");
+    publish(Work("system").brings(alpha), "b");
+    writeFile(lockOf("system"), "", {rootUid, 0600});
+    setMode(lockOf("system"), 0666);
+    setMode(leaseOf("system"), 0666);
+    setMode(transactionOf("system", "move-1") / "prepared", 0666);
+    setMode(descriptorOf("system", "a"), 0666);
+    removeAll(descriptorOf("system", "b"));
+    makeLink(descriptorOf("system", "b"), "/etc/passwd");
+    writeFile(pendingOf("system"), "x", {rootUid, 0666});
+    setMode(pendingOf("system"), 0666);
+    writeFile(recordOf("system", "alpha"), "product=alpha\nversion=1.0\n", {playerUid, 0644});
+    const Json view = scopeIn(kitJson({"status", "system"}), "system");
+    std::map<std::string, std::string> said;
+    for (const auto& finding : view.at("findings"))
+        if (finding.contains("toolMessage") && finding.at("rule") != "the content is not valid")
+            said[finding.at("place")] = finding.at("toolMessage");
+    EXPECT_EQ(said, (std::map<std::string, std::string>{
+                        {lockOf("system"), "maintenance lock is unsafe"},
+                        {leaseOf("system"), "durable transaction lease ownership or mode is unsafe"},
+                        {transactionOf("system", "move-1") / "prepared",
+                         "prepared transaction state ownership or mode is unsafe"},
+                        {descriptorOf("system", "a"), "maintenance descriptor permissions are unsafe"},
+                        {descriptorOf("system", "b"), "maintenance descriptor is missing or unsafe"},
+                        {pendingOf("system"), "pending installation attempt is missing or unsafe"},
+                        {recordOf("system", "alpha"), "fixed metadata destination is unsafe"}}))
+        << view.dump(1);
+}
+
+TEST(KitStatus, OfADamagedDescriptorNamesTheCommandThatSaysWhatIsWrong)
+{
+    publishText("system", "nonsense\n", "a");
+    const Json view = scopeIn(kitJson({"status", "system"}), "system");
+    const std::string advice = view.at("findings")[0].at("advice");
+    EXPECT_EQ(advice, "tpm-kit check '" + descriptorOf("system", "a").native() + "' says more");
+    const Outcome check = kit({"check", descriptorOf("system", "a")});
+    EXPECT_EQ(check.status, 65);
+    EXPECT_TRUE(holds(check.out + check.err, "maintenance descriptor")) << check;
+}
+
 TEST(KitStatus, FindsAToolThatARollbackLeftWithoutTheRightToBeRun)
 {
     installInSystem();
@@ -707,6 +782,48 @@ TEST(KitStatus, OfAnAccountEndsWith77WhenNothingIsWrongButNotEverythingCouldBeRe
     const Outcome outcome = kit({"status"}, asPlayer());
     EXPECT_EQ(outcome.status, 77) << outcome;
     EXPECT_TRUE(outcome.out.ends_with("nothing is open, as far as this account may read\n")) << outcome;
+    EXPECT_TRUE(holds(outcome.out, "to do: sudo tpm-kit status system\n")) << outcome;
+}
+
+TEST(KitStatus, OfAnAccountSaysThatSomethingIsOpenWhereItMayNotReadWhat)
+{
+    const auto expectOpen = [] {
+        const Outcome outcome = kit({"status", "system"}, asPlayer());
+        EXPECT_EQ(outcome.status, 65) << outcome;
+        EXPECT_TRUE(outcome.out.ends_with("to do: sudo tpm-kit status system\n"
+                                          "something needs attention, see above\n"))
+            << outcome;
+        const Json answer = kitJson({"status", "system"}, asPlayer());
+        EXPECT_EQ(answer.at("attention"), true);
+        EXPECT_EQ(answer.at("complete"), false);
+        EXPECT_EQ(answer.at("advice"), "sudo tpm-kit status system");
+    };
+    const std::string id = begin();
+    expectOpen();
+    EXPECT_TRUE(scopeIn(kitJson({"status", "system"}, asPlayer()), "system").at("pending").is_null());
+    ASSERT_EQ(run({"prepare-move", "system", id}), succeeded());
+    expectOpen();
+    removeAll(pendingOf("system"));
+    expectOpen();
+    removeAll(leaseOf("system"));
+    expectOpen();
+}
+
+TEST(KitStatus, OfAnAbandonedInstallationSaysThatItKeepsOthersOut)
+{
+    const std::string id = begin();
+    ASSERT_EQ(run({"prepare-move", "system", id}), succeeded());
+    ASSERT_EQ(run({"commit-move", "system", id}).status, 65);
+    const Json transaction = transactionIn(kitJson({"status"}), id);
+    EXPECT_EQ(transaction.at("state"), "abandoned");
+    EXPECT_TRUE(holds(transaction.dump(), "its attempt keeps every other installer out")) << transaction;
+    EXPECT_FALSE(holds(transaction.dump(), "blocks nothing")) << transaction;
+    Surroundings other;
+    other.tool = placeTool("system", planText({plugin("alpha", "1.1")}));
+    EXPECT_EQ(run({"begin-install", "system"}, other),
+              refused("pending installation attempt is bound to another plan"));
+    ASSERT_EQ(abandonedMove(), "move-1");
+    EXPECT_TRUE(holds(transactionIn(kitJson({"status"}), "move-1").dump(), "blocks nothing"));
 }
 
 TEST(KitStatus, OfTheAccountsOwnScopeNamesCommandsThatItCanRun)

@@ -45,9 +45,28 @@ TEST(KitVerify, OfAnUntouchedInstallationIsSound)
     EXPECT_EQ(answer.at("reinstall").size(), 0U);
 }
 
-TEST(KitVerify, OfNothingInstalledIsSound)
+TEST(KitVerify, OfNothingInstalledSaysSo)
 {
-    EXPECT_EQ(kit({"verify", "user"}).status, 0) << kit({"verify", "user"});
+    EXPECT_EQ(kit({"verify", "user"}),
+              succeeded("user scope: 0 files in 0 packages: nothing is installed\n"));
+}
+
+TEST(KitVerify, TakesTheContentOfAnyCompletedDescriptorOfTheVersion)
+{
+    Plugin other = plugin("alpha", "1.0");
+    other.withVst3File("Contents/MacOS/plugin", "another build").withVst3File("Contents/more", "x");
+    publish(Work("system").brings(other), "install-0");
+    ASSERT_EQ(run({"prepare-move", "system", "install-0"}), succeeded());
+    ASSERT_EQ(run({"rollback-move", "system", "install-0"}), succeeded());
+    installProperly(alpha, "install-1");
+    const Json sound = kitJson({"verify", "system"});
+    EXPECT_EQ(sound.at("sound"), true) << sound.dump(1);
+    EXPECT_EQ(sound.at("comparedWith").dump(), R"(["install-0","install-1"])");
+    writeFile(installed(vst3Path("alpha")), "tampered");
+    const Json answer = kitJson({"verify", "system"});
+    EXPECT_EQ(found(answer),
+              (std::map<std::string, std::string>{{installed(vst3Path("alpha")), "the file was changed"}}));
+    EXPECT_TRUE(holds(answer.dump(), " or ")) << answer.dump(1);
 }
 
 TEST(KitVerify, NamesEveryChangedAndMissingFileAndThePackagesToInstallAgain)
@@ -162,12 +181,16 @@ TEST(KitVerify, OfAnAccountSaysWhatItMayNotRead)
     const Outcome blind = kit({"verify", "system"}, asPlayer());
     EXPECT_EQ(blind.status, 77) << blind;
     EXPECT_TRUE(holds(blind.out, descriptorOf("system", "install-1").native())) << blind;
+    EXPECT_TRUE(holds(blind.out, "to do: sudo tpm-kit verify system\n")) << blind;
     setMode(installed(vst3Path("alpha")), 0600);
     writeFile(inWorkshop("plan"), planText({alpha}));
     const Outcome against = kit({"verify", "system", "-a", inWorkshop("plan")}, asPlayer());
     EXPECT_EQ(against.status, 65) << against;
     EXPECT_TRUE(
         holds(against.out, "may not be read by this account: " + installed(vst3Path("alpha")).native()))
+        << against;
+    EXPECT_TRUE(
+        holds(against.out, "to do: sudo tpm-kit verify system --against " + inWorkshop("plan") + "\n"))
         << against;
 }
 
@@ -196,6 +219,7 @@ TEST(KitHistory, ListsWhatWasCompletedInTheOrderOfItsRecords)
     EXPECT_EQ(kit({"history", "system"}),
               succeeded("1970-01-02T00:00:00Z  install-2\n    in the system scope, alpha 1.0\n"
                         "1970-01-02T00:01:01Z  install-1\n    in the system scope, alpha 1.1\n"
+                        "a record does not tell whether it was committed, rolled back or uninstalled\n"
                         "2 completed transactions in the system scope\n"));
     EXPECT_EQ(kit({"history", "user"}), succeeded("0 completed transactions in the user scope\n"));
     const Json answer = kitJson({"history", "system"});
@@ -230,6 +254,26 @@ TEST(KitHistory, OfAnAccountSaysWhatItMayNotRead)
     EXPECT_TRUE(
         holds(outcome.out, "may not be read by this account: " + completedOf("system", "install-1").native()))
         << outcome;
+    EXPECT_TRUE(outcome.out.ends_with("to do: sudo tpm-kit history system\n"
+                                      "at least 0 completed transactions in the system scope, 1 may not be "
+                                      "read\n"))
+        << outcome;
+    EXPECT_EQ(kitJson({"history", "system"}, asPlayer()).at("advice"), "sudo tpm-kit history system");
+}
+
+TEST(KitHistory, ListsAMoveInBothScopes)
+{
+    install("user", commonPackage());
+    install("user", alpha);
+    publish(Work("system").from("user").brings(alpha, "1.0"), "move-1");
+    makeLayout("user");
+    ASSERT_EQ(run({"prepare-move", "system", "move-1"}), succeeded());
+    ASSERT_EQ(run({"rollback-move", "system", "move-1"}), succeeded());
+    for (const std::string scope : {"user", "system"}) {
+        const Outcome outcome = kit({"history", scope});
+        EXPECT_TRUE(holds(outcome.out, "  move-1\n    from user to system, alpha 1.0\n")) << outcome;
+        EXPECT_TRUE(outcome.out.ends_with("1 completed transaction in the " + scope + " scope\n")) << outcome;
+    }
 }
 
 } // namespace
