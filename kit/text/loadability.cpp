@@ -21,12 +21,6 @@ Finding about(const std::string& place, std::string text, std::string rule, std:
             std::move(advice)};
 }
 
-/// The same text as the plan writes for it, where the finding is about one line of the descriptor.
-std::string inPlansWords(const std::string& line)
-{
-    return line.empty() ? line : "in the descriptor: " + line.substr(0, 200);
-}
-
 /// The size of the descriptor when every product is installed at a version as long as can be compared.
 std::size_t largestDescriptor(const Descriptor& fresh)
 {
@@ -60,8 +54,8 @@ FindingList loadabilityFindings(const Plan& plan, const std::string& place)
     for (Finding& finding : diagnoseDescriptor(text, place, "system")) {
         const bool isError = finding.severity == Finding::Severity::Error;
         if (isError)
-            findings.push_back(about(place, inPlansWords(finding.text),
-                                     finding.rule + " (" + finding.message + ")", finding.advice));
+            findings.push_back(
+                about(place, finding.text, finding.rule + " (" + finding.message + ")", finding.advice));
     }
     return findings;
 }

@@ -11,7 +11,8 @@ namespace maintenance::kit {
 /// could not even where nothing is installed, warnings where it may not be able to once products are
 /// installed.
 ///
-/// place  the plan file's name
+/// place    the plan file's name
+/// returns  findings without a line; the text is the descriptor's line
 FindingList loadabilityFindings(const Plan& plan, const std::string& place);
 
 } // namespace maintenance::kit

@@ -373,6 +373,22 @@ std::optional<Plan> parsed(std::string_view text)
     }
 }
 
+/// Gives a finding about a file of the descriptor the line of the plan that lists the file.
+void placeInPlan(Finding& finding, std::string_view text)
+{
+    constexpr std::size_t pathField = 3;
+    const std::vector<std::string> fields = split(finding.text, '\t');
+    if (fields.size() <= pathField)
+        return;
+    const std::string listed = "\t" + fields[pathField] + "\t";
+    for (const TextLine& line : numberedLines(text))
+        if (line.text.find(listed) != std::string_view::npos) {
+            finding.line = line.number;
+            finding.text = line.text;
+            return;
+        }
+}
+
 } // namespace
 
 FindingList diagnosePlan(std::string_view text, const std::string& place)
@@ -395,8 +411,10 @@ FindingList diagnosePlan(std::string_view text, const std::string& place)
     noteForeignLineEnds(text, reading.notes);
     FindingList findings = reading.notes.take();
     if (const auto plan = parsed(text); plan && !hasErrors(findings))
-        for (Finding& finding : loadabilityFindings(*plan, place))
+        for (Finding& finding : loadabilityFindings(*plan, place)) {
+            placeInPlan(finding, text);
             findings.push_back(std::move(finding));
+        }
     return findings;
 }
 

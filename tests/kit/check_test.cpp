@@ -104,6 +104,11 @@ TEST(KitCheck, RefusesAPlanOfWhichBeginInstallMakesNoDescriptor)
     EXPECT_EQ(answer.at("accepted"), false);
     EXPECT_FALSE(answer.contains("toolMessage"));
     EXPECT_EQ(messagesOf(answer), std::set<std::string>{"materialized maintenance descriptor is unsafe"});
+    const std::string listed = auPath("alpha", "Contents/VST3/x");
+    for (const auto& finding : answer.at("findings")) {
+        EXPECT_GT(finding.at("line"), 0) << finding;
+        EXPECT_TRUE(holds(finding.at("text"), listed)) << finding;
+    }
 }
 
 TEST(KitCheck, WarnsOfWhatTheToolTakesAndAnInstallationSuffersFrom)
