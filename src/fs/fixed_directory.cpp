@@ -127,6 +127,12 @@ void checkDirectory(int descriptor, uid_t owner)
         throw Invalid("maintenance directory ownership is unsafe");
 }
 
+bool belongsToOwner(uid_t owner, int directory)
+{
+    struct stat status = {};
+    return ::fstat(directory, &status) == 0 && status.st_uid == owner;
+}
+
 void assignCreatedOwner(int directory, int descriptor, uid_t owner)
 {
     if (owner == ::getuid())

@@ -43,6 +43,10 @@ OwnedFd enterDirectory(uid_t owner, int parent, const std::string& name);
 ///         Invalid "maintenance directory ownership is unsafe"          another owner
 void checkDirectory(int descriptor, uid_t owner);
 
+/// Tells whether the open directory `directory` (borrowed) is the scope's owner's. The owner may have named
+/// another account's directory like metadata; what is in it is not ours to remove.
+bool belongsToOwner(uid_t owner, int directory);
+
 /// Gives what this run has just created in the open directory `directory`, open as `descriptor` (both
 /// borrowed), to the scope's owner `owner`; the group stays. Does nothing where the owner is the process's
 /// real user or has it already. The change is made with the power that created it, so that a foreign object

@@ -1,6 +1,7 @@
 #include "fs/leftovers.h"
 
 #include "fs/directory_entries.h"
+#include "fs/fixed_directory.h"
 #include "fs/fixed_file.h"
 #include "fs/owner_power.h"
 
@@ -39,12 +40,6 @@ std::optional<struct stat> statusOfTwin(int directory, const std::string& name, 
     return status;
 }
 
-bool belongsTo(uid_t owner, int directory)
-{
-    struct stat status = {};
-    return ::fstat(directory, &status) == 0 && status.st_uid == owner;
-}
-
 /// Removes the second name that one of the temporary names `candidates` may be for the file `name`.
 void removeSecondName(int directory, const std::string& name, const std::vector<std::string>& candidates,
                       uid_t owner)
@@ -61,12 +56,18 @@ void removeSecondName(int directory, const std::string& name, const std::vector<
     }
 }
 
-/// Tells the temporary names among the entries of a directory of the owner's.
-std::vector<std::string> temporaryEntries(const std::vector<std::string>& entries)
+/// Removes the second names of the files `names` from a directory with these entries.
+template <typename Names>
+void removeSecondNamesAmong(const std::string& scope, int directory, const std::vector<std::string>& entries,
+                            const Names& names)
 {
-    std::vector<std::string> found;
-    std::copy_if(entries.begin(), entries.end(), std::back_inserter(found), looksTemporary);
-    return found;
+    std::vector<std::string> candidates;
+    std::copy_if(entries.begin(), entries.end(), std::back_inserter(candidates), looksTemporary);
+    const uid_t owner = scopeOwner(scope);
+    if (candidates.empty() || !belongsToOwner(owner, directory))
+        return;
+    for (const std::string& name : names)
+        removeSecondName(directory, name, candidates, owner);
 }
 
 } // namespace
@@ -108,22 +109,14 @@ void removeLeftovers(const std::string& scope, int directory, const std::string&
 
 void removeSecondNames(const std::string& scope, int directory)
 {
-    const auto entries = directoryEntries(directory);
-    if (entries)
-        removeSecondNames(scope, directory, {entries->begin(), entries->end()});
+    if (const auto entries = directoryEntries(directory))
+        removeSecondNamesAmong(scope, directory, *entries, *entries);
 }
 
 void removeSecondNames(const std::string& scope, int directory, const std::set<std::string>& names)
 {
-    const uid_t owner = scopeOwner(scope);
-    const auto entries = directoryEntries(directory);
-    if (!entries || !belongsTo(owner, directory))
-        return;
-    const std::vector<std::string> candidates = temporaryEntries(*entries);
-    if (candidates.empty())
-        return;
-    for (const std::string& name : names)
-        removeSecondName(directory, name, candidates, owner);
+    if (const auto entries = directoryEntries(directory))
+        removeSecondNamesAmong(scope, directory, *entries, names);
 }
 
 } // namespace maintenance

@@ -19,13 +19,6 @@ bool unlinkAsOwner(uid_t owner, int directory, const std::string& name, int flag
     return withOwnersPower(directory, owner, [&] { return ::unlinkat(directory, name.c_str(), flags); }) == 0;
 }
 
-/// The scope's owner may have named another account's directory like metadata; what is in it is not ours.
-bool belongsToOwner(uid_t owner, int directory)
-{
-    struct stat status = {};
-    return ::fstat(directory, &status) == 0 && status.st_uid == owner;
-}
-
 void removeEntry(uid_t owner, int directory, const std::string& name, int depth);
 
 void removeDirectory(uid_t owner, int parent, const std::string& name, int depth)
