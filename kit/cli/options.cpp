@@ -101,8 +101,7 @@ void addShow(Commands& commands)
         "Example: tpm-kit show --json ActiveTransaction\n"
         "Plans, descriptors, pending attempts, prepared transactions, leases, completed records, product\n"
         "records, the index of installed products, snapshot manifests and receipts, notes of absent files, "
-        "the "
-        "lock.");
+        "the lock.");
     ShowOptions& show = commands.show;
     command->add_option("file", show.file, "Any of the tool's files; \"-\" is standard input")
         ->type_name("FILE")

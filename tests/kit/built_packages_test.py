@@ -1,4 +1,4 @@
-"""The kit on packages that the scripts for macOS built. usage: kit_test.py KIT SAMPLES"""
+"""The kit on packages that the scripts for macOS built. usage: built_packages_test.py KIT SAMPLES"""
 
 import json
 import subprocess
