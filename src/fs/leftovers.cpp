@@ -2,16 +2,17 @@
 
 #include "fs/directory_entries.h"
 #include "fs/fixed_directory.h"
-#include "fs/fixed_file.h"
 #include "fs/owner_power.h"
 
 #include <algorithm>
 #include <climits>
 #include <fcntl.h>
 #include <iterator>
+#include <map>
 #include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace maintenance {
 
@@ -40,34 +41,16 @@ std::optional<struct stat> statusOfTwin(int directory, const std::string& name, 
     return status;
 }
 
-/// Removes the second name that one of the temporary names `candidates` may be for the file `name`.
-void removeSecondName(int directory, const std::string& name, const std::vector<std::string>& candidates,
-                      uid_t owner)
-{
-    const auto status = statusOfTwin(directory, name, owner);
-    if (!status)
-        return;
-    for (const std::string& candidate : candidates) {
-        if (!isTemporaryNameOf(candidate, name))
-            continue;
-        const auto other = statusOfTwin(directory, candidate, owner);
-        if (other && sameFile(*other, *status))
-            withOwnersPower(directory, owner, [&] { return ::unlinkat(directory, candidate.c_str(), 0); });
-    }
-}
+/// Of files with two names: which of `names` each of them has, by device and inode.
+using Twins = std::map<std::pair<dev_t, ino_t>, std::string>;
 
-/// Removes the second names of the files `names` from a directory with these entries.
-template <typename Names>
-void removeSecondNamesAmong(const std::string& scope, int directory, const std::vector<std::string>& entries,
-                            const Names& names)
+Twins twinsAmong(int directory, const std::set<std::string>& names, uid_t owner)
 {
-    std::vector<std::string> candidates;
-    std::copy_if(entries.begin(), entries.end(), std::back_inserter(candidates), looksTemporary);
-    const uid_t owner = scopeOwner(scope);
-    if (candidates.empty() || !belongsToOwner(owner, directory))
-        return;
+    Twins twins;
     for (const std::string& name : names)
-        removeSecondName(directory, name, candidates, owner);
+        if (const auto status = statusOfTwin(directory, name, owner))
+            twins.emplace(std::pair(status->st_dev, status->st_ino), name);
+    return twins;
 }
 
 } // namespace
@@ -90,7 +73,8 @@ bool isTemporaryNameOf(std::string_view entry, std::string_view name)
     return written == name || (entry.size() == NAME_MAX && name.starts_with(written));
 }
 
-void removeLeftovers(const std::string& scope, int directory, const std::string& name)
+void removeLeftovers(const std::string& scope, int directory, const std::string& name,
+                     const std::function<bool(const std::string& entry)>& isKept)
 {
     const auto entries = directoryEntries(directory);
     if (!entries)
@@ -99,7 +83,7 @@ void removeLeftovers(const std::string& scope, int directory, const std::string&
     const std::string own = temporaryName(name);
     for (const std::string& entry : *entries) {
         struct stat status = {};
-        if (entry == own || !isTemporaryNameOf(entry, name) ||
+        if (entry == own || !isTemporaryNameOf(entry, name) || isKept(entry) ||
             ::fstatat(directory, entry.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
             !S_ISREG(status.st_mode) || status.st_nlink != 1 || status.st_uid != owner)
             continue;
@@ -107,16 +91,34 @@ void removeLeftovers(const std::string& scope, int directory, const std::string&
     }
 }
 
-void removeSecondNames(const std::string& scope, int directory)
+void removeLeftovers(const std::string& scope, int directory, const std::string& name)
 {
-    if (const auto entries = directoryEntries(directory))
-        removeSecondNamesAmong(scope, directory, *entries, *entries);
+    removeLeftovers(scope, directory, name, [](const std::string&) { return false; });
 }
 
-void removeSecondNames(const std::string& scope, int directory, const std::set<std::string>& names)
+void removeSecondNames(const std::string& scope, int directory, const std::vector<std::string>& entries)
 {
-    if (const auto entries = directoryEntries(directory))
-        removeSecondNamesAmong(scope, directory, *entries, names);
+    std::set<std::string> names;
+    std::remove_copy_if(entries.begin(), entries.end(), std::inserter(names, names.end()), looksTemporary);
+    removeSecondNames(scope, directory, entries, names);
+}
+
+void removeSecondNames(const std::string& scope, int directory, const std::vector<std::string>& entries,
+                       const std::set<std::string>& names)
+{
+    std::vector<std::string> candidates;
+    std::copy_if(entries.begin(), entries.end(), std::back_inserter(candidates),
+                 [&](const std::string& entry) { return looksTemporary(entry) && !names.contains(entry); });
+    const uid_t owner = scopeOwner(scope);
+    if (candidates.empty() || !belongsToOwner(owner, directory))
+        return;
+    const Twins twins = twinsAmong(directory, names, owner);
+    for (const std::string& candidate : candidates) {
+        const auto status = statusOfTwin(directory, candidate, owner);
+        const auto twin = status ? twins.find({status->st_dev, status->st_ino}) : twins.end();
+        if (twin != twins.end() && isTemporaryNameOf(candidate, twin->second))
+            withOwnersPower(directory, owner, [&] { return ::unlinkat(directory, candidate.c_str(), 0); });
+    }
 }
 
 } // namespace maintenance

@@ -112,34 +112,43 @@ Standing examinePlace(const FixedPlace& place, const std::string& expectedHash)
     return status->st_uid == scopeOwner(place.scope) ? Standing::Replaceable : Standing::Foreign;
 }
 
-/// Removes what a killed restoration has left beside a place. A copy does not look for it by itself, as most
-/// copies go to a new directory.
-void clearLeftovers(const FixedPlace& place)
+/// Paths of files that a restoration keeps or puts back, relative to the scope root.
+using KeptPaths = std::set<std::string>;
+
+/// Removes what a killed restoration has left beside a place, unless a file of `kept` is called like it. A
+/// copy does not look for leftovers by itself, as most copies go to a new directory.
+void clearLeftovers(const FixedPlace& place, const KeptPaths& kept = {})
 {
-    if (const OwnedFd directory = walkFixedDirectory(place.scope, parentOf(place.relative)))
-        removeLeftovers(place.scope, directory.get(), nameOf(place.relative));
+    const std::string above(parentOf(place.relative));
+    const OwnedFd directory = walkFixedDirectory(place.scope, above);
+    if (!directory)
+        return;
+    removeLeftovers(place.scope, directory.get(), nameOf(place.relative),
+                    [&](const std::string& entry) { return kept.contains(above + "/" + entry); });
 }
 
 /// Brings a place back to the snapshot's bytes. A file is replaced in one step; only what cannot be replaced
 /// is removed first.
-void restoreFile(const FixedPlace& place, const FixedPlace& copy, const std::string& hash)
+void restoreFile(const FixedPlace& place, const FixedPlace& copy, const std::string& hash,
+                 const KeptPaths& kept)
 {
     const Standing standing = examinePlace(place, hash);
     if (standing == Standing::ExpectedFile)
         return;
     if (standing == Standing::Foreign)
         removeOwned(place, "", Links::Remove);
-    clearLeftovers(place);
+    clearLeftovers(place, kept);
     copyFixed(copy, place, hash);
 }
 
 /// Removes the files of the affected packages that the snapshot does not list, and brings back those that it
-/// lists. What another package owns is left alone, whatever the manifest says of it.
-void restoreAuthorityFiles(const std::string& scope, const FixedPlace& snapshot,
-                           const std::vector<SnapshotFile>& files, const std::set<std::string>& packages)
+/// lists. What another package owns is left alone, whatever the manifest says of it. Returns the paths of
+/// both.
+KeptPaths restoreAuthorityFiles(const std::string& scope, const FixedPlace& snapshot,
+                                const std::vector<SnapshotFile>& files, const std::set<std::string>& packages)
 {
     const ReceiptInventory live = pkgutilReceipts(scope, false);
-    std::set<std::string> kept = pathsOfOthers(live, packages);
+    KeptPaths kept = pathsOfOthers(live, packages);
     std::vector<SnapshotFile> restored;
     for (const SnapshotFile& file : files)
         if (kept.insert(file.path).second)
@@ -150,16 +159,20 @@ void restoreAuthorityFiles(const std::string& scope, const FixedPlace& snapshot,
                 if (!kept.contains(file.path))
                     removeOwned({scope, file.path}, "", Links::Remove);
     for (const SnapshotFile& file : restored)
-        restoreFile({scope, file.path}, snapshotFilePlace(snapshot, file.serial), file.sha256);
+        restoreFile({scope, file.path}, snapshotFilePlace(snapshot, file.serial), file.sha256, kept);
+    return kept;
 }
 
-void restoreTargets(const Descriptor& descriptor, const std::vector<TargetContent>& targets)
+/// kept  paths of the target scope; the descriptor's own are added
+void restoreTargets(const Descriptor& descriptor, const std::vector<TargetContent>& targets, KeptPaths kept)
 {
+    for (const File& file : descriptor.files)
+        kept.insert(file.path);
     for (std::size_t i = 0; i < targets.size(); ++i) {
         const File& file = descriptor.files[i];
         const FixedPlace place{descriptor.targetScope, file.path};
         if (targets[i])
-            restoreFile(place, targetSnapshot(descriptor, i), *targets[i]);
+            restoreFile(place, targetSnapshot(descriptor, i), *targets[i], kept);
         else
             removeOwned(place, file.sha256, Links::Refuse);
     }
@@ -198,10 +211,12 @@ void restore(const Descriptor& descriptor)
 {
     const ProvenSnapshots proven = proveSnapshots(descriptor);
     const std::vector<Role> roles = involvedRoles(descriptor);
+    std::map<std::string, KeptPaths> kept;
     for (const Role& role : roles)
-        restoreAuthorityFiles(role.scope, authoritySnapshot(descriptor, role.name),
-                              proven.authorities.at(role.name), affectedPackages(descriptor));
-    restoreTargets(descriptor, proven.targets);
+        kept[role.scope] =
+            restoreAuthorityFiles(role.scope, authoritySnapshot(descriptor, role.name),
+                                  proven.authorities.at(role.name), affectedPackages(descriptor));
+    restoreTargets(descriptor, proven.targets, kept.at(descriptor.targetScope));
     for (const Role& role : roles)
         restoreMetadata(role.scope, metadataSnapshot(descriptor, role.name));
 }

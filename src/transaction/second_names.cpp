@@ -4,6 +4,7 @@
 #include "fs/fixed_directory.h"
 #include "fs/leftovers.h"
 #include "receipts/receipt_snapshot.h"
+#include "transaction/prepared_state.h"
 #include "transaction/snapshot.h"
 #include "transaction/transaction_scopes.h"
 
@@ -29,9 +30,11 @@ OwnedFd openMetadata(const FixedPlace& place)
 
 void visitTree(const std::string& scope, int directory, int depth)
 {
-    removeSecondNames(scope, directory);
     const auto entries = directoryEntries(directory);
-    if (!entries || depth == deepestTree)
+    if (!entries)
+        return;
+    removeSecondNames(scope, directory, *entries);
+    if (depth == deepestTree)
         return;
     for (const std::string& entry : *entries)
         if (const OwnedFd entered = walkOneDirectory(directory, entry))
@@ -43,15 +46,28 @@ void addFile(FilesByDirectory& files, const std::string& path)
     files[std::string(parentOf(path))].insert(nameOf(path));
 }
 
-/// Adds the files that a snapshot lists, when it is there and whole.
 void addSnapshotFiles(FilesByDirectory& files, const FixedPlace& snapshot)
 {
+    for (const SnapshotFile& file : snapshotManifestFiles(snapshot))
+        addFile(files, file.path);
+}
+
+/// Returns the files that a restoration of the transaction may have put back: none unless it is prepared.
+FilesByDirectory restorableFiles(const Descriptor& descriptor)
+{
+    FilesByDirectory files;
     try {
-        for (const SnapshotFile& file : snapshotManifestFiles(snapshot))
-            addFile(files, file.path);
+        requireStateBinding(
+            descriptor, parsePrepared(preparedPath(transactionRoot(descriptor)), authorityScope(descriptor)));
+        addSnapshotFiles(files, authoritySnapshot(descriptor, "target"));
+        if (descriptor.sourceScope != "none")
+            addSnapshotFiles(files, authoritySnapshot(descriptor, "source"));
     } catch (const std::exception&) {
-        return;
+        return {};
     }
+    for (const File& file : descriptor.files)
+        addFile(files, file.path);
+    return files;
 }
 
 } // namespace
@@ -62,26 +78,23 @@ void removeSecondNames(const std::string& scope)
     for (const std::string& place : {std::string(supportDirectory), maintenance, maintenance + "/Inbox",
                                      maintenance + "/Completed", maintenance + "/Products"})
         if (const OwnedFd directory = openMetadata({scope, place}))
-            removeSecondNames(scope, directory.get());
+            if (const auto entries = directoryEntries(directory.get()))
+                removeSecondNames(scope, directory.get(), *entries);
 }
 
 void removeSecondNames(const Descriptor& descriptor)
 {
-    FilesByDirectory files;
-    for (const File& file : descriptor.files)
-        addFile(files, file.path);
     for (const std::string& scope : involvedScopes(descriptor))
         removeSecondNames(scope);
     const FixedPlace transaction = transactionPlace(descriptor);
-    if (const OwnedFd directory = openMetadata(transaction)) {
+    if (const OwnedFd directory = openMetadata(transaction))
         visitTree(transaction.scope, directory.get(), 1);
-        for (const char* role : {"target", "source"})
-            addSnapshotFiles(files, authoritySnapshot(descriptor, role));
-    }
+    const FilesByDirectory files = restorableFiles(descriptor);
     for (const std::string& scope : involvedScopes(descriptor))
         for (const auto& [directory, names] : files)
             if (const OwnedFd opened = walkFixedDirectory(scope, directory))
-                removeSecondNames(scope, opened.get(), names);
+                if (const auto entries = directoryEntries(opened.get()))
+                    removeSecondNames(scope, opened.get(), *entries, names);
 }
 
 } // namespace maintenance

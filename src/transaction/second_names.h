@@ -13,8 +13,9 @@ namespace maintenance {
 /// the scope's lock held. What cannot be looked at or removed stays, for the steps that follow to name.
 void removeSecondNames(const std::string& scope);
 
-/// Does the same in every involved scope, in the transaction's directory, and for the files that the
-/// descriptor or a snapshot of the transaction lists.
+/// Does the same in every involved scope, in the transaction's directory, and, once the transaction is
+/// prepared, for the files that a restoration of it puts back. What it puts back is never taken for a
+/// temporary name itself.
 void removeSecondNames(const Descriptor& descriptor);
 
 } // namespace maintenance

@@ -140,6 +140,44 @@ TEST(Restoration, ReplacesNothingBecauseAReadFailed)
     EXPECT_EQ(difference(before, exactBundles("user", "alpha")), "");
 }
 
+TEST_P(RestorationIn, TakesNoOwnedFileForALeftover)
+{
+    // The name that a killed restoration by process 5 would have left for art.txt.
+    const std::string likeALeftover = "Contents/Resources/.art.txt.new.5";
+    const auto older = [&] { return plugin("alpha", "1.0").withAuFile(likeALeftover, "owned"); };
+    Plugin other = plugin("beta", "1.0");
+    other.au.files[auPath("alpha", "Contents/Resources/.art.txt.new.6")] = "another product's";
+    installWithRecords(scope(), {older(), other});
+    const Transaction transaction(Work(scope()).brings(plugin("alpha", "2.0"), "1.0"));
+    writeFile(auFile(scope(), "alpha", "Contents/Resources/art.txt"), "spoilt", {ownerOf(scope()), 0644});
+    writeFile(auFile(scope(), "alpha", "Contents/Resources/.art.txt.new.7"), "left over",
+              {ownerOf(scope()), 0600});
+    const auto name = [&](const std::string& number) {
+        return auFile(scope(), "alpha", "Contents/Resources/.art.txt.new." + number);
+    };
+    EXPECT_EQ(transaction.rollBack(), succeeded());
+    EXPECT_EQ(readFile(name("5")), "owned");
+    EXPECT_EQ(readFile(name("6")), "another product's");
+    EXPECT_FALSE(isThere(name("7")));
+    EXPECT_EQ(readFile(auFile(scope(), "alpha", "Contents/Resources/art.txt")),
+              plugin("alpha", "1.0").au.files.at(auPath("alpha", "Contents/Resources/art.txt")));
+}
+
+TEST_P(RestorationIn, TakesNoFileThatTheDescriptorListsForALeftover)
+{
+    Plugin brought = plugin("alpha", "1.0");
+    brought.withVst3File("Contents/MacOS/.plugin.new.5", "brought");
+    const std::filesystem::path likeALeftover = vst3File(scope(), "alpha", "Contents/MacOS/.plugin.new.5");
+    for (const std::string& path : brought.paths())
+        writeFile(placeOf(scope(), path), "by hand: " + path, {ownerOf(scope()), 0755});
+    const Transaction transaction(Work(scope()).deciding("replace").brings(brought));
+    writeFile(vst3File(scope(), "alpha"), "spoilt", {ownerOf(scope()), 0755});
+    const Tree before = exactBundles(scope(), "alpha");
+    EXPECT_EQ(transaction.rollBack(), succeeded());
+    EXPECT_EQ(readFile(vst3File(scope(), "alpha")), "by hand: " + vst3Path("alpha"));
+    EXPECT_EQ(describe(likeALeftover), "file " + std::to_string(ownerOf(scope())) + " 0755");
+}
+
 TEST_P(RestorationIn, FollowsNoLinkAboveAFile)
 {
     const Transaction transaction = prepareReplacement(scope());

@@ -1,5 +1,6 @@
 #include "committing.h"
 
+#include <chrono>
 #include <functional>
 
 namespace maintenance::rehearsed {
@@ -91,6 +92,59 @@ TEST_P(SecondNameIn, ThatIsNoTemporaryOneStays)
     EXPECT_EQ(transaction.rollBack(), refused("transaction metadata contains a link or unsafe file"));
     removeAll("/Library/third");
     EXPECT_EQ(transaction.rollBack(), succeeded());
+}
+
+TEST_P(SecondNameIn, ThatIsAnOwnedFileItselfStays)
+{
+    const std::string likeATemporary = "Contents/Resources/.art.txt.new.4711";
+    Plugin odd = plugin("alpha", "1.0");
+    odd.withAuFile(likeATemporary, odd.au.files.at(auPath("alpha", "Contents/Resources/art.txt")));
+    installWithRecords(scope(), {odd});
+    const std::filesystem::path second = auFile(scope(), "alpha", likeATemporary);
+    const auto unite = [&] {
+        removeAll(second);
+        EXPECT_EQ(renamedByHalf(auFile(scope(), "alpha", "Contents/Resources/art.txt")), second);
+    };
+    unite();
+    const Outcome link = refused("pkgutil receipt inventory contains a link or foreign file");
+    // Nothing is known yet of what the older release owned.
+    publish(Work(scope()).brings(plugin("alpha", "2.0"), "1.0"), "upgrade");
+    EXPECT_EQ(run({"prepare-move", scope(), "upgrade"}), link);
+    EXPECT_TRUE(isThere(second));
+    removeAll(second);
+    writeFile(second, odd.au.files.at(auPath("alpha", likeATemporary)), {ownerOf(scope()), 0644});
+    const Transaction transaction(Work(scope()).brings(plugin("alpha", "2.0"), "1.0"));
+    unite();
+    EXPECT_EQ(transaction.rollBack(), link);
+    EXPECT_TRUE(isThere(second));
+}
+
+TEST_P(SecondNameIn, BesidesAProductStaysUnlessTheTransactionIsPrepared)
+{
+    const Transaction transaction = prepareRepair(scope());
+    const std::filesystem::path second = renamedByHalf(vst3File(scope(), "alpha"));
+    const std::string state = readFile(transaction.inside("prepared"));
+    writeFile(transaction.inside("prepared"), "nonsense", {ownerOf(scope()), 0600});
+    EXPECT_NE(transaction.rollBack(), succeeded());
+    EXPECT_TRUE(isThere(second));
+    writeFile(transaction.inside("prepared"), state, {ownerOf(scope()), 0600});
+    EXPECT_EQ(transaction.rollBack(), succeeded());
+    EXPECT_FALSE(isThere(second));
+}
+
+TEST(SecondName, ThatNobodyHasDoesNotHoldUpARun)
+{
+    const Transaction transaction = prepareRepair("user");
+    const std::filesystem::path records = completedOf("user", "any").parent_path();
+    constexpr int pairs = 20000;
+    for (int i = 0; i < pairs; ++i) {
+        const std::string number = std::to_string(i);
+        writeFile(records / ("x" + number), "", {playerUid, 0600});
+        makeHardLink(records / (".y" + number + ".new.4711"), records / ("x" + number));
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(transaction.rollBack(), succeeded());
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4));
 }
 
 TEST(SecondName, IsTakenAwayWithTheAccountsPowerOnly)
