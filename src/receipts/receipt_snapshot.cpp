@@ -124,9 +124,11 @@ Registration liveRegistration(const Receipt& receipt)
 
 } // namespace
 
+FixedPlace snapshotFilesPlace(const FixedPlace& snapshot) { return below(snapshot, "files"); }
+
 FixedPlace snapshotFilePlace(const FixedPlace& snapshot, const std::string& serial)
 {
-    return below(below(snapshot, "files"), serial);
+    return below(snapshotFilesPlace(snapshot), serial);
 }
 
 FixedPlace snapshotReceiptPlace(const FixedPlace& snapshot, const std::string& serial)

@@ -24,6 +24,8 @@ struct SnapshotFile {
     std::string serial;
 };
 
+/// Where the snapshots of all files lie in a snapshot directory.
+FixedPlace snapshotFilesPlace(const FixedPlace& snapshot);
 /// Where the snapshot of a file, or of a receipt's identity text, lies in a snapshot directory.
 FixedPlace snapshotFilePlace(const FixedPlace& snapshot, const std::string& serial);
 FixedPlace snapshotReceiptPlace(const FixedPlace& snapshot, const std::string& serial);

@@ -2,6 +2,7 @@
 
 #include "fs/copy.h"
 #include "fs/existence.h"
+#include "fs/fixed_directory.h"
 #include "fs/fixed_file.h"
 #include "fs/publish.h"
 #include "inventory/installed_products.h"
@@ -79,6 +80,8 @@ void snapshotFiles(const Descriptor& descriptor)
 void snapshotAuthority(const std::string& scope, const FixedPlace& snapshot,
                        const std::set<std::string>& packages)
 {
+    const FixedPlace files = snapshotFilesPlace(snapshot);
+    openFixedDirectory(files.scope, files.relative, true, true);
     std::string manifest;
     std::size_t serial = 0;
     for (const auto& [packageId, receipt] : pkgutilReceipts(scope, true))

@@ -22,7 +22,8 @@ FixedPlace metadataSnapshot(const Descriptor& descriptor, const std::string& rol
 void snapshotFiles(const Descriptor& descriptor);
 
 /// Copies the verified receipts of `packages` in the scope, with the files that they own, to the snapshot
-/// directory `snapshot` and writes their manifest. Throws what pkgutilReceipts, copyFixed and text throw.
+/// directory `snapshot` and writes their manifest. Its directory of files is there also without a receipt.
+/// Throws what openFixedDirectory, pkgutilReceipts, copyFixed and text throw.
 void snapshotAuthority(const std::string& scope, const FixedPlace& snapshot,
                        const std::set<std::string>& packages);
 

@@ -148,7 +148,9 @@ TEST(Snapshot, OfNothingSaysSo)
         EXPECT_EQ(snapshotsOf(work), expected) << scope;
         EXPECT_EQ(namesIn(directoryOf(work)),
                   (std::vector<std::string>{"authority-target", "prepared", "target-absent"}));
-        EXPECT_EQ(namesIn(directoryOf(work) / "authority-target"), std::vector<std::string>{"manifest"});
+        EXPECT_EQ(namesIn(directoryOf(work) / "authority-target"),
+                  (std::vector<std::string>{"files", "manifest"}));
+        EXPECT_TRUE(namesIn(directoryOf(work) / "authority-target/files").empty());
     }
 }
 
