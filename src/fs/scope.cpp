@@ -5,7 +5,9 @@
 #include "validate/invalid.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <limits>
+#include <optional>
 #include <pwd.h>
 #include <stdexcept>
 #include <unistd.h>
@@ -33,7 +35,8 @@ uid_t invokingAccountUid()
 
 namespace {
 
-std::string homeOf(uid_t uid)
+/// Looks up an account's home directory; nothing when there is no such account.
+std::optional<std::string> lookUpHome(uid_t uid)
 {
     constexpr long smallestBuffer = 1024;
     const long suggested = ::sysconf(_SC_GETPW_R_SIZE_MAX);
@@ -42,11 +45,22 @@ std::string homeOf(uid_t uid)
     passwd* found = nullptr;
     const int failure = ::getpwuid_r(uid, &record, buffer.data(), buffer.size(), &found);
     // Taken for "no such account", a shortage would hide what is installed in the account's home.
-    if (meansShortage(failure))
+    if (meansShortage(failure) || failure == EACCES)
         throw std::runtime_error("cannot resolve the invoking account home");
     if (failure != 0 || found == nullptr || found->pw_dir == nullptr || *found->pw_dir != '/')
-        throw Invalid("cannot resolve the invoking account home");
+        return std::nullopt;
     return found->pw_dir;
+}
+
+std::string homeOf(uid_t uid)
+{
+    std::optional<std::string> home = lookUpHome(uid);
+    // Some libraries say "no such account" also when reading the records failed.
+    if (!home)
+        home = lookUpHome(uid);
+    if (!home)
+        throw Invalid("cannot resolve the invoking account home");
+    return *home;
 }
 
 } // namespace

@@ -52,12 +52,15 @@ const Receipt* unusedSharedPackage(const ReceiptInventory& before, const Receipt
     for (const std::string& packageId : removed)
         if (after.contains(packageId))
             throw Invalid("pkgutil receipt remained registered after forget");
+    const auto known = before.find(std::string(commonPackageId));
     const auto shared = after.find(std::string(commonPackageId));
     if (shared == after.end()) {
-        if (before.contains(std::string(commonPackageId)))
+        if (known != before.end())
             throw Invalid("pkgutil cannot enumerate authoritative package receipts");
         return nullptr;
     }
+    if (known != before.end() && known->second.text != shared->second.text)
+        throw Invalid("pkgutil receipt evidence is incomplete");
     const bool isUsed = !productsBeside(before, removed).empty() || !packageCounts(after).empty();
     return isUsed ? nullptr : &shared->second;
 }
@@ -99,14 +102,13 @@ Version version(std::string_view text)
     return value;
 }
 
-void rejectCommonDowngrade(const std::string& scope, const std::string& incoming)
+ReceiptInventory rejectCommonDowngrade(const std::string& scope, const std::string& incoming)
 {
-    const ReceiptInventory inventory = pkgutilReceipts(scope, true);
+    ReceiptInventory inventory = pkgutilReceipts(scope, true);
     const auto common = inventory.find(std::string(commonPackageId));
-    if (common == inventory.end())
-        return;
-    if (version(common->second.version) > version(incoming))
+    if (common != inventory.end() && version(common->second.version) > version(incoming))
         throw Invalid("installed common package revision is newer; common downgrade is refused");
+    return inventory;
 }
 
 bool scopeAvailableForDuplicateCheck(const std::string& scope)

@@ -37,6 +37,7 @@ std::string productFromPackage(std::string_view packageId);
 /// throws   Invalid "pkgutil receipt remained registered after forget" when one of them is listed still
 ///          Invalid "pkgutil cannot enumerate authoritative package receipts" when the shared package was
 ///          listed before and is not listed now
+///          Invalid "pkgutil receipt evidence is incomplete" when it was registered otherwise before
 ///          what productFromPackage throws
 const Receipt* unusedSharedPackage(const ReceiptInventory& before, const ReceiptInventory& after,
                                    const std::set<std::string>& removed);
@@ -65,9 +66,10 @@ Version version(std::string_view text);
 /// Refuses to replace the scope's shared package by an older one.
 ///
 /// incoming  the version about to be installed
+/// returns   the scope's verified receipts, among which it has looked
 /// throws    Invalid "installed common package revision is newer; common downgrade is refused"
 ///           what pkgutilReceipts and version throw
-void rejectCommonDowngrade(const std::string& scope, const std::string& incoming);
+ReceiptInventory rejectCommonDowngrade(const std::string& scope, const std::string& incoming);
 
 /// Tells whether the scope's receipts can be consulted: always for "system"; for "user" when the invoking
 /// account's home is a directory and no link. Throws what invokingHome throws, except Invalid, and what

@@ -52,13 +52,16 @@ bool isSilent(const PkgutilResult& listing)
     return listing.output.empty() && (listing.status == 0 || listing.status == 1);
 }
 
+/// Tells whether a listing was not cut off in the middle of a line.
+bool isWhole(const PkgutilResult& listing) { return listing.output.ends_with('\n'); }
+
 /// Lists the maker's packages without the pattern, which finds nothing where a pattern has to match the
 /// whole identifier. Silence proves nothing, so an empty home is believed only while the database can be
 /// seen to answer for "/", which always holds the operating system's own receipts.
 std::vector<std::string> listWithoutPattern(const std::string& volume)
 {
     const PkgutilResult listing = askVolume(volume, {"--pkgs"});
-    if (listsSomething(listing)) {
+    if (listsSomething(listing) && isWhole(listing)) {
         std::vector<std::string> identifiers = nonEmptyLines(listing.output);
         std::erase_if(identifiers, [](const std::string& id) { return !id.starts_with(packageIdPrefix); });
         return identifiers;

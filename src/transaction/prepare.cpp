@@ -14,6 +14,8 @@
 #include "validate/invalid.h"
 
 #include <algorithm>
+#include <map>
+#include <set>
 
 namespace maintenance {
 
@@ -27,12 +29,17 @@ const std::string& incomingCommonVersion(const Descriptor& descriptor)
         ->version;
 }
 
-void refuseCommonDowngrades(const Descriptor& descriptor)
+/// The receipts of each involved scope when the run began.
+using FirstInventories = std::map<std::string, ReceiptInventory>;
+
+FirstInventories refuseCommonDowngrades(const Descriptor& descriptor)
 {
     const std::string& incoming = incomingCommonVersion(descriptor);
-    rejectCommonDowngrade(descriptor.targetScope, incoming);
+    FirstInventories first;
+    first[descriptor.targetScope] = rejectCommonDowngrade(descriptor.targetScope, incoming);
     if (descriptor.sourceScope != "none")
-        rejectCommonDowngrade(descriptor.sourceScope, incoming);
+        first[descriptor.sourceScope] = rejectCommonDowngrade(descriptor.sourceScope, incoming);
+    return first;
 }
 
 bool isAsRecorded(const Product& product, const std::string& installedVersion)
@@ -57,30 +64,57 @@ void requireUnchangedInstallations(const Descriptor& descriptor, ProductLookup& 
     }
 }
 
-/// Requires the snapshot of a scope ("target" or "source") to hold the versions that were looked up. Where
-/// the package database has answered otherwise in between, nobody could restore what the snapshot says.
-void requireTrueSnapshot(const Descriptor& descriptor, const std::string& side,
+/// Tells whether a snapshot holds a package with the version and paths of its receipt, or neither is there.
+bool isAsRegistered(const PackageContents& recorded, const ReceiptInventory& receipts,
+                    const std::string& packageId)
+{
+    const auto package = recorded.find(packageId);
+    const auto receipt = receipts.find(packageId);
+    if (package == recorded.end() || receipt == receipts.end())
+        return (package == recorded.end()) == (receipt == receipts.end());
+    std::set<std::string> kept;
+    for (const auto& [path, digest] : package->second.files)
+        kept.insert(path);
+    std::set<std::string> registered;
+    for (const ReceiptFile& file : receipt->second.files)
+        registered.insert(file.path);
+    return package->second.version == receipt->second.version && kept == registered;
+}
+
+/// Tells whether a snapshot holds a product's package in the version that was looked up, or neither is there.
+bool isAsLookedUp(const PackageContents& recorded, const InstalledProducts& products,
+                  const std::string& packageId)
+{
+    const auto package = recorded.find(packageId);
+    const auto known = products.find(productFromPackage(packageId));
+    if (package == recorded.end() || known == products.end())
+        return (package == recorded.end()) == (known == products.end());
+    return package->second.version == known->second;
+}
+
+/// Requires the snapshot of a scope ("target" or "source") to hold what was registered when the run began,
+/// and the versions that were looked up. Where the package database has answered otherwise in between, nobody
+/// could restore what the snapshot says.
+void requireTrueSnapshot(const Descriptor& descriptor, const std::string& side, const ReceiptInventory& first,
                          const InstalledProducts& products)
 {
     const PackageContents recorded = snapshotPackages(authoritySnapshot(descriptor, side));
     for (const std::string& packageId : affectedPackages(descriptor)) {
-        if (packageId == commonPackageId)
-            continue;
-        const auto package = recorded.find(packageId);
-        const auto known = products.find(productFromPackage(packageId));
-        const bool isTrue = package == recorded.end()
-                                ? known == products.end()
-                                : known != products.end() && package->second.version == known->second;
+        const bool isTrue = isAsRegistered(recorded, first, packageId) &&
+                            (packageId == commonPackageId || isAsLookedUp(recorded, products, packageId));
         if (!isTrue)
             throw Invalid("pkgutil receipt evidence is incomplete");
     }
 }
 
-void requireTrueSnapshots(const Descriptor& descriptor, ProductLookup& lookup)
+void requireTrueSnapshots(const Descriptor& descriptor, const FirstInventories& first, ProductLookup& lookup)
 {
-    requireTrueSnapshot(descriptor, "target", lookup[descriptor.targetScope]);
+    const auto require = [&](const std::string& side, const std::string& scope) {
+        requireTrueSnapshot(descriptor, side, first.at(scope), lookup[scope]);
+    };
+    require("target", descriptor.targetScope);
     if (descriptor.sourceScope != "none")
-        requireTrueSnapshot(descriptor, "source", lookup[descriptor.sourceScope]);
+        require("source", descriptor.sourceScope);
 }
 
 /// An adoption takes over files that are already there, so they must be exactly the descriptor's.
@@ -100,7 +134,7 @@ void prepare(const Descriptor& descriptor)
 {
     const Locks locks(involvedScopes(descriptor));
     removeSecondNames(descriptor);
-    refuseCommonDowngrades(descriptor);
+    const FirstInventories first = refuseCommonDowngrades(descriptor);
     inspect(descriptor);
     rejectReplay(descriptor);
     if (resumePrepared(descriptor))
@@ -112,7 +146,7 @@ void prepare(const Descriptor& descriptor)
         snapshotScopes(descriptor);
         if (descriptor.decision == "adopt")
             requireAdoptable(descriptor);
-        requireTrueSnapshots(descriptor, lookup);
+        requireTrueSnapshots(descriptor, first, lookup);
     });
 }
 

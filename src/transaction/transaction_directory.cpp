@@ -229,7 +229,7 @@ bool isRecordedAsCompleted(const Descriptor& descriptor, const PreparedState& st
             return false;
         return readText(completedPath(descriptor), authorityScope(descriptor),
                         "prepared transaction state") == preparedText(state);
-    } catch (const std::exception&) {
+    } catch (const Invalid&) {
         return true;
     }
 }

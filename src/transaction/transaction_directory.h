@@ -55,8 +55,8 @@ PreparedState openTransaction(const Descriptor& descriptor, const std::function<
 ///         what readLease, settleScope, text, removeFixedPath and clearPending throw
 void finishTransaction(const Descriptor& descriptor, const PreparedState& state);
 
-/// Tells whether the completed record of this very transaction stands on disk. True also when that cannot be
-/// told: then nothing may be taken back, and the next run decides.
+/// Tells whether the completed record of this very transaction stands on disk. True also for a record that is
+/// refused: then nothing may be taken back, and the next run decides. A failure of the machine passes on.
 bool isRecordedAsCompleted(const Descriptor& descriptor, const PreparedState& state);
 
 /// Drops the leases of a transaction that will not complete; its directory and snapshots stay.

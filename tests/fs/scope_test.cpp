@@ -61,6 +61,31 @@ TEST(InvokingAccount, OfARootRunIsRefusedWithoutAnAccountAtTheConsole)
     EXPECT_EQ(invokingAccount(0), noConsole);
 }
 
+TEST(InvokingAccount, IsFoundWhereTheRecordsCannotBeReadJustOnce)
+{
+    for (const int error : {EIO, ENOMEM, EACCES}) {
+        int opened = 0;
+        const auto failOnce = [&](const SystemCall& call) {
+            return call.is(SYS_openat, "/etc/passwd") && ++opened == 1 ? error : 0;
+        };
+        EXPECT_EQ(stopping({SYS_openat}, failOnce, [] { return invokingHome(); }), returned("/Users/player"))
+            << error;
+        EXPECT_EQ(opened, 2) << error;
+    }
+}
+
+TEST(InvokingAccount, OfWhoseRecordsNothingIsSaidIsNotTakenForNobody)
+{
+    for (const int error : {EIO, EMFILE, ENFILE, ENOMEM}) {
+        const auto fail = [&](const SystemCall& call) {
+            return call.is(SYS_newfstatat, "/etc/nsswitch.conf") ? error : 0;
+        };
+        EXPECT_EQ(stopping({SYS_newfstatat}, fail, [] { return invokingHome(); }),
+                  runtimeError("cannot resolve the invoking account home"))
+            << error;
+    }
+}
+
 TEST(InvokingAccount, ThatChangesDuringARunIsRefusedUntilItIsTheFirstOneAgain)
 {
     EXPECT_EQ(invokingAccountUid(), playerUid);

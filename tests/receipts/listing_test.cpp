@@ -258,6 +258,15 @@ TEST(Listing, WithoutThePatternMayBeNoisyAsLongAsItListsAndSucceeds)
     EXPECT_EQ(inspectAlpha(), repair);
 }
 
+TEST(Listing, WithoutThePatternThatEndsInTheMiddleOfALineIsRefused)
+{
+    installAlpha();
+    for (const std::string output : {"c", "com.example.one\ncom.tamarindpelican.p", "com.example.one"}) {
+        instructPkgutil(everyPlain + printing(output, 0));
+        EXPECT_EQ(inspectAlpha(), notEnumerated) << output;
+    }
+}
+
 TEST(Listing, OfAMillionBytesInOneLineIsRefusedAndEndsTheRunInOrder)
 {
     installAlpha();

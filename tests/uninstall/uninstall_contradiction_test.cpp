@@ -1,6 +1,7 @@
 #include "inventory/installed_products.h"
 #include "support/run.h"
 #include "support/scene.h"
+#include "validate/owned_path.h"
 
 #include <gtest/gtest.h>
 
@@ -105,6 +106,32 @@ TEST(Uninstall, ThatWasOnceToldHalfOfTheSharedPackageCanBeRunAgain)
         EXPECT_FALSE(isRegistered("system", plugin("alpha", "1.0").vst3.id)) << cut;
         EXPECT_TRUE(isRegistered("system", commonPackage().id)) << cut;
     }
+}
+
+TEST(Uninstall, OfTheLastProductLeavesNoSharedFileWhicheverListingLeavesItOut)
+{
+    const std::string tool(maintenanceExecutable);
+    writeFile("/tmp/shorter", tool + "\n");
+    int refusals = 0;
+    for (int nth = 1; nth <= 9; ++nth) {
+        removeAll("/Library/Audio");
+        removeAll(supportOf("system"));
+        install("system", commonPackage());
+        install("system", plugin("alpha", "1.0"));
+        const std::string id = publish(Work("system").brings(plugin("alpha", "1.0"), "1.0"), "remove-alpha");
+        instructPkgutil("command=--files id=" + commonPackage().id + " nth=" + std::to_string(nth) +
+                        " do replace=/tmp/shorter\n");
+        const Outcome first = run({"uninstall-product", "system", id});
+        EXPECT_TRUE(first.status == 0 || first.status == 65) << nth << ": " << first;
+        refusals += first.status == 65;
+
+        instructPkgutil("");
+        EXPECT_EQ(run({"uninstall-product", "system", id}), succeeded()) << nth << ": " << first;
+        EXPECT_FALSE(isRegistered("system", commonPackage().id)) << nth;
+        for (const auto& [path, content] : commonPackage().files)
+            EXPECT_FALSE(isThere(rootOf("system") / path)) << nth << ": " << path;
+    }
+    EXPECT_GT(refusals, 0);
 }
 
 } // namespace
