@@ -13,6 +13,7 @@
 #include "transaction/recovery.h"
 #include "transaction/second_names.h"
 #include "transaction/transaction_scopes.h"
+#include "validate/identifiers.h"
 #include "validate/invalid.h"
 
 #include <system_error>
@@ -109,6 +110,16 @@ void finishCompleted(const PendingInstall& attempt)
         throw Invalid("completed installation recovery state changed");
 }
 
+/// Requires a product's version, or absence, as it was looked up to be what the run was told at first.
+void requireSameAnswer(const ReceiptInventory& first, const std::string& product,
+                       const std::optional<std::string>& lookedUp)
+{
+    const auto receipt = first.find(productPackageId(product, "vst3"));
+    const bool isSame = receipt == first.end() ? !lookedUp : lookedUp && *lookedUp == receipt->second.version;
+    if (!isSame)
+        throw Invalid("pkgutil receipt evidence is incomplete");
+}
+
 /// Makes sure that the attempt's descriptor is in the inbox and still what the plan gives.
 void continueAttempt(const Plan& plan, const PendingInstall& attempt)
 {
@@ -144,13 +155,14 @@ std::string beginInstall(const std::string& scope)
 Descriptor materializeDescriptor(const Plan& plan, const std::string& scope, const std::string& id)
 {
     Descriptor descriptor{plan.sku, plan.packageRevision, "none", scope, "none", id, {}, {}, {}};
-    rejectCommonDowngrade(scope, plan.packageRevision);
+    const ReceiptInventory first = rejectCommonDowngrade(scope, plan.packageRevision);
     const std::string opposite = oppositeScope(scope);
     ProductLookup lookup;
     for (const auto& [product, planned] : plan.products) {
         if (scopeAvailableForDuplicateCheck(opposite) && installed(lookup, opposite, product))
             throw Invalid("scope migration requires an explicit trusted decision");
         const auto present = installed(lookup, scope, product);
+        requireSameAnswer(first, product, present);
         if (present && version(*present) > version(planned))
             throw Invalid("target-side downgrade is refused");
         descriptor.products.push_back({product, present.value_or("-"), planned});

@@ -29,6 +29,7 @@ std::string beginInstall(const std::string& scope);
 ///
 /// throws  Invalid "scope migration requires an explicit trusted decision"  a product is in the other scope
 ///         Invalid "target-side downgrade is refused"
+///         Invalid "pkgutil receipt evidence is incomplete"  pkgutil says now this, now that of a product
 ///         what rejectCommonDowngrade and installed throw
 Descriptor materializeDescriptor(const Plan& plan, const std::string& scope, const std::string& id);
 

@@ -683,6 +683,29 @@ TEST(BeginInstall, RecordsTheInstalledVersions)
     }
 }
 
+TEST(BeginInstall, RecordsNothingThatPkgutilContradictsInTheSameRun)
+{
+    writeFile("/tmp/version", "version: 0.9\nlocation: /\n");
+    for (const std::string& scope : bothScopes) {
+        install(scope, alpha());
+        install(scope, commonPackage());
+        const Installer installer(scope, alphaPlan("1.1"));
+        for (const std::string lie : {"command=--pkgs nth=1", "command=--pkgs nth=2", "command=--pkgs= nth=1",
+                                      "command=--pkgs= nth=2"})
+            for (const std::string answer : {"cut=0 exit=0", "replace=/tmp/others exit=0"}) {
+                writeFile("/tmp/others", "com.example.other\n");
+                instructPkgutil(lie + " volume=" + rootOf(scope).native() + " do " + answer + "\n");
+                EXPECT_EQ(installer.begin().status, 65) << scope << " " << lie << " " << answer;
+                EXPECT_FALSE(isThere(pendingOf(scope)));
+            }
+        for (const std::string nth : {"1", "2"}) {
+            instructPkgutil("command=--pkg-info id=*.alpha.vst3 volume=" + rootOf(scope).native() +
+                            " nth=" + nth + " do replace=/tmp/version\n");
+            EXPECT_EQ(installer.begin().status, 65) << scope << nth;
+        }
+    }
+}
+
 TEST(BeginInstall, RefusesADowngrade)
 {
     for (const std::string& scope : bothScopes) {
