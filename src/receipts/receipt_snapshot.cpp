@@ -188,6 +188,20 @@ PackageContents snapshotPackages(const FixedPlace& snapshot)
     return packages;
 }
 
+bool isRecordedRegistration(const Receipt& live, const PackageContents& recorded)
+{
+    const auto package = recorded.find(live.packageId);
+    if (package == recorded.end() || package->second.version != live.version)
+        return false;
+    std::set<std::string> livePaths;
+    for (const ReceiptFile& file : live.files)
+        livePaths.insert(file.path);
+    std::set<std::string> recordedPaths;
+    for (const auto& file : package->second.files)
+        recordedPaths.insert(file.first);
+    return livePaths == recordedPaths;
+}
+
 bool registrationsMatchSnapshot(const std::string& scope, const FixedPlace& snapshot,
                                 const std::set<std::string>& packages)
 {

@@ -2,6 +2,7 @@
 
 #include "fs/scope.h"
 #include "receipts/package_contents.h"
+#include "receipts/receipt_inventory.h"
 
 #include <map>
 #include <set>
@@ -49,6 +50,9 @@ std::vector<SnapshotFile> snapshotManifestFiles(const FixedPlace& snapshot);
 /// Returns what the snapshot recorded of each package: version, paths and digests.
 /// Throws what snapshotManifestFiles throws.
 PackageContents snapshotPackages(const FixedPlace& snapshot);
+
+/// Tells whether a registered package has the version and the paths that a snapshot recorded of it.
+bool isRecordedRegistration(const Receipt& live, const PackageContents& recorded);
 
 /// Tells whether every package of `packages` is registered in the scope as the snapshot recorded it: same
 /// version and same set of paths, or registered in neither.

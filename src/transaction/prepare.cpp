@@ -15,7 +15,6 @@
 
 #include <algorithm>
 #include <map>
-#include <set>
 
 namespace maintenance {
 
@@ -68,17 +67,10 @@ void requireUnchangedInstallations(const Descriptor& descriptor, ProductLookup& 
 bool isAsRegistered(const PackageContents& recorded, const ReceiptInventory& receipts,
                     const std::string& packageId)
 {
-    const auto package = recorded.find(packageId);
     const auto receipt = receipts.find(packageId);
-    if (package == recorded.end() || receipt == receipts.end())
-        return (package == recorded.end()) == (receipt == receipts.end());
-    std::set<std::string> kept;
-    for (const auto& [path, digest] : package->second.files)
-        kept.insert(path);
-    std::set<std::string> registered;
-    for (const ReceiptFile& file : receipt->second.files)
-        registered.insert(file.path);
-    return package->second.version == receipt->second.version && kept == registered;
+    if (receipt == receipts.end())
+        return !recorded.contains(packageId);
+    return isRecordedRegistration(receipt->second, recorded);
 }
 
 /// Tells whether a snapshot holds a product's package in the version that was looked up, or neither is there.

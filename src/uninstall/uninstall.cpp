@@ -59,20 +59,6 @@ bool isSameContent(const PackageContent& one, const PackageContent& other)
     return one.version == other.version && one.files == other.files;
 }
 
-bool isRecordedRegistration(const Receipt& live, const PackageContents& recorded)
-{
-    const auto package = recorded.find(live.packageId);
-    if (package == recorded.end() || package->second.version != live.version)
-        return false;
-    std::set<std::string> livePaths;
-    for (const ReceiptFile& file : live.files)
-        livePaths.insert(file.path);
-    std::set<std::string> recordedPaths;
-    for (const auto& file : package->second.files)
-        recordedPaths.insert(file.first);
-    return livePaths == recordedPaths;
-}
-
 PackageContents recordedPackages(const Descriptor& descriptor)
 {
     return snapshotPackages(authoritySnapshot(descriptor, "target"));
